@@ -1,0 +1,13 @@
+// The installed platform's log sink, for the logger's fast path.
+#pragma once
+
+#include <memory>
+
+#include "tavlo/platform/TavloLogSink.h"
+
+/// The log sink of the platform installed with TavloPlatform::install, or the standard
+/// error sink when none was installed. Cheap enough for every line: it copies one
+/// pointer under a lock, and never builds the rest of the default platform (no file is
+/// read, no store opened). Never empty. Callable from any thread, also during static
+/// initialisation and after main returns.
+std::shared_ptr<TavloLogSink> TavloInstalledLogSink();

@@ -1,0 +1,109 @@
+#include "tavlo/platform/TavloPlatform.h"
+
+#include <mutex>
+#include <optional>
+
+#include "platform/TavloFileSecureStore.h"
+#include "platform/TavloInstalledPlatform.h"
+#include "platform/TavloLinuxDeviceInfo.h"
+#include "platform/TavloPosixFileSystem.h"
+#include "platform/TavloStderrLogSink.h"
+#include "platform/TavloSystemClock.h"
+#include "platform/TavloSystemRandom.h"
+
+namespace {
+
+// Process-wide platform state. Allocated once and never freed, so a thread that logs
+// while the process exits never meets a destroyed mutex.
+struct InstalledState {
+  std::mutex protector;
+  std::optional<TavloPlatform> installed;   // guarded by protector
+  std::optional<TavloPlatform> defaults;    // guarded by protector; made on first need
+  std::shared_ptr<TavloLogSink> logSink;    // guarded by protector; the installed one
+};
+
+InstalledState& installedState() {
+  static InstalledState* state = new InstalledState();
+  return *state;
+}
+
+// One standard error sink serves the whole process; it has no state to share badly.
+std::shared_ptr<TavloLogSink> standardErrorSink() {
+  static auto* sink = new std::shared_ptr<TavloLogSink>(std::make_shared<TavloStderrLogSink>());
+  return *sink;
+}
+
+// REQUIRES: state.protector held.
+const TavloPlatform& defaultsLocked(InstalledState& state) {
+  if (!state.defaults) state.defaults = TavloPlatform::linuxDefaults();
+  return *state.defaults;
+}
+
+template <typename Seam>
+void fillIfEmpty(std::shared_ptr<Seam>& seam, const std::shared_ptr<Seam>& fallback) {
+  if (!seam) seam = fallback;
+}
+
+void fillIfEmpty(std::string& endpoint, const std::string& fallback) {
+  if (endpoint.empty()) endpoint = fallback;
+}
+
+}  // namespace
+
+std::shared_ptr<TavloLogSink> TavloInstalledLogSink() {
+  InstalledState& state = installedState();
+  {
+    std::lock_guard<std::mutex> lock(state.protector);
+    if (state.logSink) return state.logSink;
+  }
+  return standardErrorSink();
+}
+
+TavloPlatform TavloPlatform::linuxDefaults(const TavloApplicationInfo& application) {
+  auto files = std::make_shared<TavloPosixFileSystem>();
+  // With no home at all the folder stays empty, and the store answers every call with
+  // an I/O error rather than writing the device identifier somewhere public.
+  const std::string dataDirectory = files->dataDirectory();
+  const std::string secureFolder = dataDirectory.empty() ? std::string() : dataDirectory + "/tavlo/secure-store";
+
+  TavloPlatform platform;
+  platform.clock = std::make_shared<TavloSystemClock>();
+  platform.random = std::make_shared<TavloSystemRandom>();
+  platform.logSink = standardErrorSink();
+  platform.files = files;
+  platform.secureStore = std::make_shared<TavloFileSecureStore>(files, secureFolder);
+  platform.deviceInfo = std::make_shared<TavloLinuxDeviceInfo>(application);
+  platform.endpoints = TavloEndpoints::compiledDefaults();
+  return platform;
+}
+
+void TavloPlatform::install(TavloPlatform platform) {
+  InstalledState& state = installedState();
+  std::lock_guard<std::mutex> lock(state.protector);
+  state.installed = platform.completedWith(defaultsLocked(state));
+  state.logSink = state.installed->logSink;
+}
+
+TavloPlatform TavloPlatform::installed() {
+  InstalledState& state = installedState();
+  std::lock_guard<std::mutex> lock(state.protector);
+  if (state.installed) return *state.installed;
+  return defaultsLocked(state);
+}
+
+// An empty endpoint is as unusable as a missing seam, so it is filled the same way.
+TavloPlatform TavloPlatform::completedWith(const TavloPlatform& fallback) const {
+  TavloPlatform completed = *this;
+  fillIfEmpty(completed.clock, fallback.clock);
+  fillIfEmpty(completed.random, fallback.random);
+  fillIfEmpty(completed.logSink, fallback.logSink);
+  fillIfEmpty(completed.files, fallback.files);
+  fillIfEmpty(completed.secureStore, fallback.secureStore);
+  fillIfEmpty(completed.deviceInfo, fallback.deviceInfo);
+  fillIfEmpty(completed.advertisingIdProvider, fallback.advertisingIdProvider);
+  fillIfEmpty(completed.endpoints.authorisation, fallback.endpoints.authorisation);
+  fillIfEmpty(completed.endpoints.audienceCollection, fallback.endpoints.audienceCollection);
+  fillIfEmpty(completed.endpoints.streamingCollection, fallback.endpoints.streamingCollection);
+  fillIfEmpty(completed.endpoints.secondCollection, fallback.endpoints.secondCollection);
+  return completed;
+}

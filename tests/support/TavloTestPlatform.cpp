@@ -1,0 +1,26 @@
+#include "support/TavloTestPlatform.h"
+
+TavloTestPlatform TavloMakeTestPlatform() {
+  TavloTestPlatform test;
+  test.clock = std::make_shared<TavloManualClock>(TavloTestPlatformStartDate);
+  test.random = std::make_shared<TavloSequenceRandom>();
+  test.logSink = std::make_shared<TavloCapturingLogSink>();
+  test.secureStore = std::make_shared<TavloMemorySecureStore>();
+  test.deviceInfo = std::make_shared<TavloFixedDeviceInfo>();
+  test.directory = std::make_shared<TavloTemporaryDirectory>();
+  // The deleter holds the folder, so whoever keeps the file system (the platform
+  // copied into a long-lived agent, say) keeps the folder it writes to.
+  auto directory = test.directory;
+  test.files = std::shared_ptr<TavloPosixFileSystem>(new TavloPosixFileSystem(directory->path()),
+                                                     [directory](TavloPosixFileSystem* files) { delete files; });
+
+  test.platform.clock = test.clock;
+  test.platform.random = test.random;
+  test.platform.logSink = test.logSink;
+  test.platform.files = test.files;
+  test.platform.secureStore = test.secureStore;
+  test.platform.deviceInfo = test.deviceInfo;
+  test.platform.advertisingIdProvider = nullptr;
+  test.platform.endpoints = TavloEndpoints::allAt("http://127.0.0.1:1");
+  return test;
+}
