@@ -1,0 +1,36 @@
+// Platform seam: files in the user's private data directory.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "tavlo/TavloExport.h"
+
+/// The few file operations the library needs. Paths are absolute. Errors are returned,
+/// never thrown; "no such file" is std::errc::no_such_file_or_directory.
+/// Implementations must be callable from any thread.
+class TAVLO_EXPORT TavloFileSystem {
+ public:
+  virtual ~TavloFileSystem() = default;
+
+  /// The per-user private data directory ($XDG_DATA_HOME, else ~/.local/share on Linux).
+  virtual std::string dataDirectory() = 0;
+
+  /// Creates `path` and any missing parents with `mode` (e.g. 0700). An existing
+  /// directory is success; its mode is left as it is.
+  virtual std::error_code createDirectories(const std::string& path, unsigned mode) = 0;
+
+  /// Reads the whole file into `contents`. A file larger than `maxBytes` is refused with
+  /// std::errc::file_too_large and `contents` left empty, so a hostile file cannot make
+  /// the library allocate without bound.
+  virtual std::error_code readFile(const std::string& path, std::string& contents, std::size_t maxBytes) = 0;
+
+  /// Replaces the file at `path` with `contents` atomically: after a crash the file holds
+  /// either the old contents or the new ones, never a mix. The file gets `mode` (e.g. 0600).
+  virtual std::error_code writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode) = 0;
+
+  /// Removes the file; a missing file is std::errc::no_such_file_or_directory.
+  virtual std::error_code removeFile(const std::string& path) = 0;
+};

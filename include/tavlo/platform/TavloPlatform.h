@@ -1,0 +1,54 @@
+// Every platform service the library uses, in one value.
+#pragma once
+
+#include <memory>
+
+#include "tavlo/TavloExport.h"
+#include "tavlo/platform/TavloAdvertisingIdProvider.h"
+#include "tavlo/platform/TavloClock.h"
+#include "tavlo/platform/TavloDeviceInfo.h"
+#include "tavlo/platform/TavloEndpoints.h"
+#include "tavlo/platform/TavloFileSystem.h"
+#include "tavlo/platform/TavloLogSink.h"
+#include "tavlo/platform/TavloRandom.h"
+#include "tavlo/platform/TavloSecureStore.h"
+
+/// The library's whole view of the system it runs on. Nothing in the core reaches the
+/// operating system except through these seams, so a tvOS or Android TV shim, or a test,
+/// supplies its own implementations and the core stays the same.
+///
+/// Each component receives a platform at construction and keeps it unchanged. The
+/// process-wide singletons use the platform installed with `install` before their first
+/// use; an application that wants to change anything (its name and version, its own log
+/// sink, an advertising-identifier provider, other endpoints) installs a platform before
+/// it touches its first tagger.
+///
+/// To replace one seam and keep the rest, copy `linuxDefaults()` and assign one member.
+struct TAVLO_EXPORT TavloPlatform {
+  std::shared_ptr<TavloClock> clock;
+  std::shared_ptr<TavloRandom> random;
+  std::shared_ptr<TavloLogSink> logSink;
+  std::shared_ptr<TavloFileSystem> files;
+  std::shared_ptr<TavloSecureStore> secureStore;
+  std::shared_ptr<TavloDeviceInfo> deviceInfo;
+  /// May be empty: no advertising identifier is available.
+  std::shared_ptr<TavloAdvertisingIdProvider> advertisingIdProvider;
+  TavloEndpoints endpoints = TavloEndpoints::compiledDefaults();
+
+  /// The Linux implementations of every seam: system clock, a seeded generator and
+  /// libuuid, standard error, POSIX files under $XDG_DATA_HOME (or ~/.local/share), a
+  /// file-backed secure store there, device facts from /proc, /sys and /etc/os-release
+  /// completed by `application`, no advertising identifier, the compiled-in endpoints.
+  static TavloPlatform linuxDefaults(const TavloApplicationInfo& application = {});
+
+  /// Makes `platform` the one the process-wide singletons use. Missing seams are filled
+  /// from `linuxDefaults()`. The log sink takes effect at once for every later line; the
+  /// other seams only for singletons not made yet.
+  static void install(TavloPlatform platform);
+
+  /// The installed platform (the Linux defaults if none was installed).
+  static TavloPlatform installed();
+
+  /// This platform with every empty seam taken from `fallback`.
+  TavloPlatform completedWith(const TavloPlatform& fallback) const;
+};

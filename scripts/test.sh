@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds Tavlo with warnings as errors and runs every test.
+#   TAVLO_SANITIZE=address,undefined scripts/test.sh   runs the suite under sanitizers
+#   TAVLO_BUILD_DIR=...                                 chooses the build folder
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+"$root/scripts/install-deps.sh"
+
+build="${TAVLO_BUILD_DIR:-$root/build}"
+sanitize="${TAVLO_SANITIZE:-}"
+if [ -n "$sanitize" ] && [ -z "${TAVLO_BUILD_DIR:-}" ]; then
+  build="$root/build-${sanitize//,/-}"
+fi
+
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DTAVLO_WERROR=ON -DTAVLO_SANITIZE="$sanitize"
+cmake --build "$build" --parallel "$(nproc)"
+ctest --test-dir "$build" --output-on-failure --parallel "$(nproc)" --timeout 300

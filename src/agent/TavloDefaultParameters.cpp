@@ -1,0 +1,78 @@
+#include "agent/TavloDefaultParameters.h"
+
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+
+#include "platform/TavloLogger.h"
+#include "tavlo/TavloVersion.h"
+
+namespace {
+std::string formatted(const char* format, double value) {
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, format, value);
+  return buffer;
+}
+
+const char* deviceWord(std::optional<int32_t> idiom) {
+  if (idiom == TavloUserInterfaceIdiomPad) return "ipad";
+  if (idiom == TavloUserInterfaceIdiomTV) return "tv";
+  return "iphone";
+}
+}  // namespace
+
+TavloDefaultParameters::TavloDefaultParameters(const TavloPlatform& platform)
+    : deviceInfo_(platform.deviceInfo),
+      random_(platform.random),
+      advertisingIdProvider_(platform.advertisingIdProvider),
+      uuidHandler_(platform.secureStore, platform.random, platform.logSink) {}
+
+std::string TavloDefaultParameters::TavloVersion() { return TavloVersionString; }
+
+std::shared_ptr<const TavloParameters> TavloDefaultParameters::defaultParametersForRequest() {
+  const std::optional<TavloScreen> screen = deviceInfo_->mainScreen();
+  auto parameters = std::make_shared<TavloParameters>();
+  (*parameters)["scp"] = "32";
+  (*parameters)["tag_type"] = "apps";
+  (*parameters)["v"] = TavloVersion();
+  (*parameters)["n"] = std::to_string(random_->nextUInt32());
+  (*parameters)["uid"] = uuidHandler_.UUID().value_or("-");
+  (*parameters)["scw"] = screen ? formatted("%.0f", screen->width) : "0";
+  (*parameters)["sch"] = screen ? formatted("%.0f", screen->height) : "0";
+  (*parameters)["m_os"] = deviceInfo_->model();
+  (*parameters)["m_fw"] = deviceInfo_->systemVersion();
+  (*parameters)["ds"] = formatted("%.1f", screenDiagonal());
+  (*parameters)["tn"] = "tvOS";
+  return parameters;
+}
+
+std::string TavloDefaultParameters::userAgent() {
+  return deviceInfo_->bundleName().value_or("(null)") + "/" + deviceInfo_->bundleVersion().value_or("(null)") +
+         " Tavlo SDK v" + TavloVersion() + " apple " + deviceWord(deviceInfo_->userInterfaceIdiom());
+}
+
+TavloString TavloDefaultParameters::appleDID() {
+  if (!advertisingIdProvider_) {
+    TavloLogger::log("Can't get did", TavloLoggingModeInfo);
+    return std::nullopt;
+  }
+  TavloString identifier = advertisingIdProvider_->advertisingIdentifier();
+  if (identifier) {
+    for (char& c : *identifier) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  }
+  TavloLogger::log("Using did : " + identifier.value_or("(null)"), TavloLoggingModeInfo);
+  return identifier;
+}
+
+double TavloDefaultParameters::screenDiagonal() {
+  const std::optional<TavloScreen> screen = deviceInfo_->mainScreen();
+  double scale = screen ? screen->nativeScale.value_or(screen->scale) : 1.0;
+  // The scale cancels out; a missing or nonsensical one must not turn the result into NaN.
+  if (!(scale > 0) || !std::isfinite(scale)) scale = 1.0;
+  const double width = screen ? screen->width : 0.0;
+  const double height = screen ? screen->height : 0.0;
+  const std::optional<int32_t> idiom = deviceInfo_->userInterfaceIdiom();
+  const double ppi = (!idiom || *idiom == TavloUserInterfaceIdiomPhone) ? 163.0 : 132.0;
+  const double diagonal = std::sqrt(std::pow(width * scale, 2) + std::pow(height * scale, 2)) / (ppi * scale);
+  return std::isfinite(diagonal) ? diagonal : 0.0;
+}

@@ -1,0 +1,49 @@
+// The parameters every hit starts from, the "User-Agent" text and device facts.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/TavloQLVRUUIDHandler.h"
+#include "tavlo/TavloTypes.h"
+#include "tavlo/platform/TavloPlatform.h"
+
+/// Describes the library, the device and its screen to the collection server. The agent
+/// owns one and forwards its default-parameter, user-agent and advertising-identifier
+/// operations to it; taggers start every hit from `defaultParametersForRequest`.
+///
+/// Nothing is cached: every call reads the device-information seam and draws a new "n".
+/// Threads: any thread (the seams are thread-safe).
+class TavloDefaultParameters {
+ public:
+  explicit TavloDefaultParameters(const TavloPlatform& platform);
+
+  /// The library version, "5.4.5".
+  static std::string TavloVersion();
+
+  /// A new dictionary of the eleven defaults: "scp" "32", "tag_type" "apps", "v" the
+  /// version, "n" a fresh random 32-bit number, "uid" the device UUID (or "-"), "scw"/"sch"
+  /// the screen's size in points ("0" without a screen), "m_os" the model, "m_fw" the
+  /// system version, "ds" the diagonal to one decimal, "tn" "tvOS".
+  std::shared_ptr<const TavloParameters> defaultParametersForRequest();
+
+  /// "<bundle name>/<bundle version> Tavlo SDK v5.4.5 apple <tv|ipad|iphone>", with
+  /// "(null)" standing for a missing name or version.
+  std::string userAgent();
+
+  /// The advertising identifier as an upper-case UUID text, or nil with the information
+  /// line "Can't get did" when no provider is registered.
+  TavloString appleDID();
+
+  /// The screen's nominal diagonal in inches: the diagonal in points over 132 points per
+  /// inch (163 on a phone or a device that reports no idiom). 0 without a screen.
+  double screenDiagonal();
+
+  TavloQLVRUUIDHandler& uuidHandler() { return uuidHandler_; }
+
+ private:
+  const std::shared_ptr<TavloDeviceInfo> deviceInfo_;
+  const std::shared_ptr<TavloRandom> random_;
+  const std::shared_ptr<TavloAdvertisingIdProvider> advertisingIdProvider_;
+  TavloQLVRUUIDHandler uuidHandler_;
+};

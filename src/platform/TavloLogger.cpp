@@ -1,0 +1,34 @@
+#include "platform/TavloLogger.h"
+
+#include "platform/TavloInstalledPlatform.h"
+#include "tavlo/platform/TavloLogSink.h"
+
+TavloLogger& TavloLogger::sharedLogger() {
+  // Never destroyed: threads that outlive static destruction may still log.
+  static TavloLogger* const logger = new TavloLogger();
+  return *logger;
+}
+
+const char* TavloLogger::levelWord(int64_t mode) {
+  switch (mode) {
+    case TavloLoggingModeInfo:
+      return "INFO";
+    case TavloLoggingModeWarning:
+      return "WARNING";
+    case TavloLoggingModeError:
+      return "ERROR";
+    default:
+      return "";
+  }
+}
+
+void TavloLogger::log(const std::string& message, int64_t mode) {
+  const auto threshold = static_cast<uint64_t>(sharedLogger().loggingMode());
+  if (threshold > static_cast<uint64_t>(mode)) return;
+  const std::shared_ptr<TavloLogSink> sink = TavloInstalledLogSink();
+  if (!sink) return;
+  std::string line;
+  line.reserve(message.size() + 16);
+  line.append("(").append(levelWord(mode)).append(") : ").append(message);
+  sink->writeLine(line);
+}

@@ -1,0 +1,45 @@
+// The library's one diagnostic channel.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+/// Message levels, which double as values of the threshold.
+enum TavloLoggingMode : int64_t {
+  TavloLoggingModeInfo = 0,
+  TavloLoggingModeWarning = 1,
+  TavloLoggingModeError = 2,
+};
+
+/// Filters the library's messages by one process-wide threshold and writes each kept
+/// message as one line "(LEVEL) : message" to the installed platform's log sink.
+///
+/// The threshold and the level are compared as unsigned 64-bit numbers: a message is
+/// dropped when the threshold is greater. So 0 prints everything, 2 (the default) prints
+/// errors only, and 3 or more, or any negative threshold, prints nothing.
+///
+/// Threads: any thread may log or change the threshold; the threshold is an atomic word,
+/// so a change takes effect on some later message.
+class TavloLogger {
+ public:
+  /// The process-wide logger, made on first use with threshold 2.
+  static TavloLogger& sharedLogger();
+
+  /// Prints or drops `message` at level `mode`.
+  static void log(const std::string& message, int64_t mode);
+
+  /// The level word printed for `mode`: "INFO", "WARNING", "ERROR", or "" for any other.
+  static const char* levelWord(int64_t mode);
+
+  int64_t loggingMode() const { return loggingMode_.load(std::memory_order_relaxed); }
+  void setLoggingMode(int64_t mode) { loggingMode_.store(mode, std::memory_order_relaxed); }
+
+  TavloLogger(const TavloLogger&) = delete;
+  TavloLogger& operator=(const TavloLogger&) = delete;
+
+ private:
+  TavloLogger() = default;
+  std::atomic<int64_t> loggingMode_{TavloLoggingModeError};
+};

@@ -1,0 +1,253 @@
+#include "request/TavloRequest.h"
+
+#include "request/TavloKeyedArchiver.h"
+#include "request/TavloKeyedUnarchiver.h"
+#include "tagging/TavloStringHash.h"
+
+namespace {
+const std::string kParametersKey = "TavloRequest_parameters";
+const std::string kRequestTypeKey = "TavloRequest_requestType";
+const std::string kSendingModeKey = "TavloRequest_sendingMode";
+const std::string kLastFailKey = "TavloRequest_lastFail";
+const std::string kCreationDateKey = "TavloRequest_creationDate";
+const std::string kSerialKey = "TavloRequest_serial";
+const std::string kNumberOfFailsKey = "TavloRequest_numberOfFails";
+const std::string kStatusKey = "TavloRequest_status";
+// Written with two underscores and read with one: a renewal pending when the process
+// ended is deliberately not carried over into the next run.
+const std::string kShouldRenewSessionWriteKey = "TavloRequest__shouldRenewSession";
+const std::string kShouldRenewSessionReadKey = "TavloRequest_shouldRenewSession";
+const std::string kTaggerIDKey = "TavloRequest__taggerID";
+const std::string kAuthKey = "TavloRequest_auth";
+
+bool isPlainDescriptionCharacter(unsigned char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '$' ||
+         c == '+' || c == '/' || c == ':' || c == '.' || c == '-';
+}
+
+std::string quotedForDescription(const std::string& text) {
+  bool plain = !text.empty();
+  for (unsigned char c : text) plain = plain && isPlainDescriptionCharacter(c);
+  if (plain) return text;
+  std::string quoted = "\"";
+  for (char c : text) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  quoted += '"';
+  return quoted;
+}
+}  // namespace
+
+std::string TavloParametersDescription(const TavloParameters* parameters) {
+  if (parameters == nullptr) return "(null)";
+  std::string text = "{\n";
+  for (const auto& [key, value] : *parameters) {
+    text.append("    ").append(quotedForDescription(key)).append(" = ").append(quotedForDescription(value)).append(";\n");
+  }
+  text += "}";
+  return text;
+}
+
+std::shared_ptr<TavloRequest> TavloRequest::TavloRequestWithParameters(
+    std::shared_ptr<const TavloParameters> parameters, int32_t requestType, int64_t sendingMode, TavloString serial,
+    std::shared_ptr<TavloTaggerID> taggerID, TavloDate creationDate) {
+  return std::make_shared<TavloRequest>(std::move(parameters), requestType, sendingMode, std::move(serial),
+                                        std::move(taggerID), creationDate);
+}
+
+TavloRequest::TavloRequest() = default;
+TavloRequest::~TavloRequest() = default;
+
+TavloRequest::TavloRequest(std::shared_ptr<const TavloParameters> parameters, int32_t requestType,
+                           int64_t sendingMode, TavloString serial, std::shared_ptr<TavloTaggerID> taggerID,
+                           TavloDate creationDate)
+    : parameters_(std::move(parameters)),
+      requestType_(requestType),
+      sendingMode_(sendingMode),
+      taggerID_(std::move(taggerID)),
+      serial_(std::move(serial)),
+      creationDate_(creationDate) {}
+
+std::shared_ptr<const TavloParameters> TavloRequest::parameters() const {
+  std::lock_guard lock(mutex_);
+  return parameters_;
+}
+
+void TavloRequest::replaceParameters(std::shared_ptr<const TavloParameters> parameters) {
+  std::lock_guard lock(mutex_);
+  parameters_ = std::move(parameters);
+}
+
+int32_t TavloRequest::requestType() const {
+  std::lock_guard lock(mutex_);
+  return requestType_;
+}
+
+int64_t TavloRequest::sendingMode() const {
+  std::lock_guard lock(mutex_);
+  return sendingMode_;
+}
+
+std::shared_ptr<TavloTaggerID> TavloRequest::taggerID() const {
+  std::lock_guard lock(mutex_);
+  return taggerID_;
+}
+
+TavloString TavloRequest::serial() const {
+  std::lock_guard lock(mutex_);
+  return serial_;
+}
+
+void TavloRequest::setSerial(TavloString serial) {
+  std::lock_guard lock(mutex_);
+  serial_ = std::move(serial);
+}
+
+std::optional<TavloDate> TavloRequest::lastFail() const {
+  std::lock_guard lock(mutex_);
+  return lastFail_;
+}
+
+void TavloRequest::setLastFail(std::optional<TavloDate> date) {
+  std::lock_guard lock(mutex_);
+  lastFail_ = date;
+}
+
+std::optional<TavloDate> TavloRequest::creationDate() const {
+  std::lock_guard lock(mutex_);
+  return creationDate_;
+}
+
+void TavloRequest::setCreationDate(std::optional<TavloDate> date) {
+  std::lock_guard lock(mutex_);
+  creationDate_ = date;
+}
+
+int64_t TavloRequest::numberOfFails() const {
+  std::lock_guard lock(mutex_);
+  return numberOfFails_;
+}
+
+void TavloRequest::setNumberOfFails(int64_t count) {
+  std::lock_guard lock(mutex_);
+  numberOfFails_ = count;
+}
+
+int32_t TavloRequest::status() const {
+  std::lock_guard lock(mutex_);
+  return status_;
+}
+
+void TavloRequest::setStatus(int32_t status) {
+  std::lock_guard lock(mutex_);
+  status_ = status;
+}
+
+bool TavloRequest::shouldRenewSessionAfter() const {
+  std::lock_guard lock(mutex_);
+  return shouldRenewSessionAfter_;
+}
+
+void TavloRequest::setShouldRenewSessionAfter(bool renew) {
+  std::lock_guard lock(mutex_);
+  shouldRenewSessionAfter_ = renew;
+}
+
+std::shared_ptr<TavloAuth> TavloRequest::auth() const {
+  std::lock_guard lock(mutex_);
+  return auth_;
+}
+
+void TavloRequest::setAuth(std::shared_ptr<TavloAuth> auth) {
+  std::lock_guard lock(mutex_);
+  auth_ = std::move(auth);
+}
+
+std::shared_ptr<TavloRequest> TavloRequest::copy() const {
+  std::lock_guard lock(mutex_);
+  auto copied = std::make_shared<TavloRequest>(parameters_, requestType_, sendingMode_, serial_, taggerID_, 0.0);
+  copied->lastFail_ = lastFail_;
+  copied->creationDate_ = creationDate_;
+  copied->auth_ = auth_ ? auth_->copy() : nullptr;
+  copied->numberOfFails_ = numberOfFails_;
+  copied->status_ = status_;
+  copied->shouldRenewSessionAfter_ = shouldRenewSessionAfter_;
+  return copied;
+}
+
+bool TavloRequest::isEqual(const TavloRequest& other) const { return this == &other; }
+
+uint64_t TavloRequest::hash() const {
+  std::lock_guard lock(mutex_);
+  const auto fails = static_cast<uint64_t>(numberOfFails_);
+  const auto folded = static_cast<int32_t>(static_cast<uint32_t>(fails) ^ static_cast<uint32_t>(fails >> 32));
+  return 887503681ULL + 28629151ULL * TavloParametersHash(parameters_.get()) +
+         923521ULL * TavloDateHash(lastFail_) + 29791ULL * TavloDateHash(creationDate_) +
+         961ULL * static_cast<uint64_t>(static_cast<int64_t>(folded)) + 31ULL * static_cast<uint64_t>(sendingMode_) +
+         static_cast<uint64_t>(static_cast<uint32_t>(status_));
+}
+
+std::string TavloRequest::description(const TavloEndpoints& endpoints) const {
+  std::shared_ptr<const TavloParameters> parameters;
+  std::shared_ptr<TavloAuth> auth;
+  TavloString serial;
+  int32_t requestType;
+  int64_t sendingMode;
+  {
+    std::lock_guard lock(mutex_);
+    parameters = parameters_;
+    auth = auth_;
+    serial = serial_;
+    requestType = requestType_;
+    sendingMode = sendingMode_;
+  }
+  TavloString host;
+  if (sendingMode == TavloSendingModeTimestamped || sendingMode == TavloSendingModeDisconnected) {
+    host = endpoints.audienceCollectionAddress();
+  } else if (auth && auth->currentAccess()) {
+    host = auth->currentAccess()->host();
+  }
+  std::string text = "\"serial ";
+  text.append(serial.value_or("(null)"));
+  text.append(" - request type ").append(requestType == TavloRequestTypeAudience ? "audience" : "streaming");
+  text.append(" - hote ").append(host.value_or("(null)"));
+  text.append(" - parameters ").append(TavloParametersDescription(parameters.get()));
+  text += "\"";
+  return text;
+}
+
+std::vector<std::string> TavloRequest::classChain() const { return {"TavloRequest", "NSObject"}; }
+
+void TavloRequest::encodeWithCoder(TavloKeyedArchiver& coder) const {
+  std::lock_guard lock(mutex_);
+  coder.encodeParameters(parameters_, kParametersKey);
+  coder.encodeInteger(requestType_, kRequestTypeKey);
+  coder.encodeInteger(sendingMode_, kSendingModeKey);
+  coder.encodeDate(lastFail_, kLastFailKey);
+  coder.encodeDate(creationDate_, kCreationDateKey);
+  coder.encodeString(serial_, kSerialKey);
+  coder.encodeInteger(numberOfFails_, kNumberOfFailsKey);
+  coder.encodeInteger(status_, kStatusKey);
+  coder.encodeBool(shouldRenewSessionAfter_, kShouldRenewSessionWriteKey);
+  coder.encodeObject(taggerID_.get(), kTaggerIDKey);
+  coder.encodeObject(auth_.get(), kAuthKey);
+}
+
+std::shared_ptr<TavloCodable> TavloRequest::initWithCoder(TavloKeyedUnarchiver& coder) {
+  auto request = std::shared_ptr<TavloRequest>(new TavloRequest());
+  // Enumerations are 32 bits wide in memory: a wider archived value keeps its low 32 bits.
+  const auto low32 = [](int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); };
+  request->parameters_ = coder.decodeParameters(kParametersKey);
+  request->requestType_ = low32(coder.decodeInteger(kRequestTypeKey));
+  request->sendingMode_ = coder.decodeInteger(kSendingModeKey);
+  request->lastFail_ = coder.decodeDate(kLastFailKey);
+  request->creationDate_ = coder.decodeDate(kCreationDateKey);
+  request->serial_ = coder.decodeString(kSerialKey);
+  request->numberOfFails_ = coder.decodeInteger(kNumberOfFailsKey);
+  request->status_ = low32(coder.decodeInteger(kStatusKey));
+  request->shouldRenewSessionAfter_ = coder.decodeBool(kShouldRenewSessionReadKey);
+  request->taggerID_ = coder.decodeObjectOfClass<TavloTaggerID>(kTaggerIDKey);
+  request->auth_ = coder.decodeObjectOfClass<TavloAuth>(kAuthKey);
+  return request;
+}

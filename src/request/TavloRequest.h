@@ -1,0 +1,134 @@
+// One measurement hit on its way to the collection server.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "auth/TavloAuth.h"
+#include "request/TavloCodable.h"
+#include "tagging/TavloTaggerID.h"
+#include "tavlo/TavloTypes.h"
+#include "tavlo/platform/TavloEndpoints.h"
+
+class TavloKeyedUnarchiver;
+
+/// Kinds of hit; the numbers are stored in queue files and must not change.
+enum TavloRequestType : int32_t {
+  TavloRequestTypeAudience = 0,
+  TavloRequestTypeStreaming = 1,
+};
+
+/// How a hit is sent and stamped. Live hits go to the access's host without a time
+/// stamp; timestamped and disconnected hits go to the audience collection address with
+/// "ts" and "tt" ("c" or "d"). Stored in queue files.
+enum TavloSendingMode : int64_t {
+  TavloSendingModeTimestamped = 0,
+  TavloSendingModeLive = 1,
+  TavloSendingModeDisconnected = 2,
+};
+
+/// Where a request stands. 2 is unused on purpose: the numbers are stored in queue files.
+enum TavloRequestStatus : int32_t {
+  TavloRequestStatusNew = 0,
+  TavloRequestStatusSending = 1,
+  TavloRequestStatusFailed = 3,
+};
+
+/// A hit: its query parameters, kind, sending mode, the identity of the tagger that made
+/// it, the serial, its failure history and the authorisation it is sent under.
+///
+/// Requests compare by identity: two requests with equal contents are still two hits, and
+/// the agent's queue removes exactly the one it handled. `hash` is computed from contents
+/// all the same.
+///
+/// The parameter dictionary is immutable and replaced whole, never changed in place, so a
+/// reader holding the old one keeps a consistent view. All fields are guarded by the
+/// request's own mutex, so a tagger and the agent may touch the same request from
+/// different threads.
+class TavloRequest : public TavloCodable {
+ public:
+  static std::shared_ptr<TavloRequest> TavloRequestWithParameters(std::shared_ptr<const TavloParameters> parameters,
+                                                                  int32_t requestType, int64_t sendingMode,
+                                                                  TavloString serial,
+                                                                  std::shared_ptr<TavloTaggerID> taggerID,
+                                                                  TavloDate creationDate);
+
+  /// Stores the arguments as given (no copies); status new, no fails, no authorisation,
+  /// no session renewal. `creationDate` is "now" on the caller's clock: the hit's time stamp.
+  TavloRequest(std::shared_ptr<const TavloParameters> parameters, int32_t requestType, int64_t sendingMode,
+               TavloString serial, std::shared_ptr<TavloTaggerID> taggerID, TavloDate creationDate);
+  ~TavloRequest() override;
+
+  std::shared_ptr<const TavloParameters> parameters() const;
+  int32_t requestType() const;
+  int64_t sendingMode() const;
+  std::shared_ptr<TavloTaggerID> taggerID() const;
+
+  TavloString serial() const;
+  void setSerial(TavloString serial);
+  std::optional<TavloDate> lastFail() const;
+  void setLastFail(std::optional<TavloDate> date);
+  std::optional<TavloDate> creationDate() const;
+  void setCreationDate(std::optional<TavloDate> date);
+  int64_t numberOfFails() const;
+  void setNumberOfFails(int64_t count);
+  int32_t status() const;
+  void setStatus(int32_t status);
+  bool shouldRenewSessionAfter() const;
+  void setShouldRenewSessionAfter(bool renew);
+  std::shared_ptr<TavloAuth> auth() const;
+  void setAuth(std::shared_ptr<TavloAuth> auth);
+
+  /// True for the queue's clear-cache marker.
+  virtual bool isClearCacheMarker() const { return false; }
+
+  /// A new request with the same parameter dictionary (shared), kind, mode, serial and
+  /// identity, and this one's creation date, last fail, fail count, status, renewal flag
+  /// and authorisation.
+  virtual std::shared_ptr<TavloRequest> copy() const;
+
+  /// Identity: true only for this very object.
+  virtual bool isEqual(const TavloRequest& other) const;
+
+  /// Contents hash, wrapping unsigned 64-bit: 31^6 + 31^5 h(parameters) + 31^4 h(lastFail)
+  /// + 31^3 h(creationDate) + 31^2 F + 31 sendingMode + status, where F folds the fail
+  /// count (32-bit xor of its halves, sign-extended). See TavloStringHash.h for h.
+  uint64_t hash() const;
+
+  /// "serial S - request type audience|streaming - hote H - parameters {...}" between
+  /// double quotes; H is the access's host for live hits and the default audience
+  /// collection address of `endpoints` for timestamped and disconnected ones.
+  std::string description(const TavloEndpoints& endpoints) const;
+
+  static std::shared_ptr<TavloCodable> initWithCoder(TavloKeyedUnarchiver& coder);
+  std::vector<std::string> classChain() const override;
+  void encodeWithCoder(TavloKeyedArchiver& coder) const override;
+
+ protected:
+  /// Every field zero or nil: the state of the clear-cache marker.
+  TavloRequest();
+
+  /// Replaces the parameter dictionary whole (used by the URL and rank operations).
+  void replaceParameters(std::shared_ptr<const TavloParameters> parameters);
+
+ private:
+  mutable std::mutex mutex_;
+  std::shared_ptr<const TavloParameters> parameters_;  // guarded by mutex_
+  int32_t requestType_ = TavloRequestTypeAudience;     // guarded by mutex_
+  int64_t sendingMode_ = TavloSendingModeTimestamped;  // guarded by mutex_
+  std::shared_ptr<TavloTaggerID> taggerID_;            // guarded by mutex_
+  TavloString serial_;                                 // guarded by mutex_
+  std::optional<TavloDate> lastFail_;                  // guarded by mutex_
+  std::optional<TavloDate> creationDate_;              // guarded by mutex_
+  int64_t numberOfFails_ = 0;                          // guarded by mutex_
+  int32_t status_ = TavloRequestStatusNew;             // guarded by mutex_
+  bool shouldRenewSessionAfter_ = false;               // guarded by mutex_
+  std::shared_ptr<TavloAuth> auth_;                    // guarded by mutex_
+};
+
+/// The dictionary as the platform's description prints it: one "key = value;" per line,
+/// keys sorted, strings quoted when they hold anything but letters, digits and "_$+/:.-".
+std::string TavloParametersDescription(const TavloParameters* parameters);
