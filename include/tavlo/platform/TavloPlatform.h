@@ -9,8 +9,11 @@
 #include "tavlo/platform/TavloDeviceInfo.h"
 #include "tavlo/platform/TavloEndpoints.h"
 #include "tavlo/platform/TavloFileSystem.h"
+#include "tavlo/platform/TavloHttpClient.h"
 #include "tavlo/platform/TavloLogSink.h"
+#include "tavlo/platform/TavloMainQueue.h"
 #include "tavlo/platform/TavloRandom.h"
+#include "tavlo/platform/TavloReachabilitySource.h"
 #include "tavlo/platform/TavloSecureStore.h"
 
 /// The library's whole view of the system it runs on. Nothing in the core reaches the
@@ -33,6 +36,9 @@ struct TAVLO_EXPORT TavloPlatform {
   std::shared_ptr<TavloDeviceInfo> deviceInfo;
   /// May be empty: no advertising identifier is available.
   std::shared_ptr<TavloAdvertisingIdProvider> advertisingIdProvider;
+  std::shared_ptr<TavloMainQueue> mainQueue;
+  std::shared_ptr<TavloHttpClient> httpClient;
+  std::shared_ptr<TavloReachabilitySource> reachabilitySource;
   TavloEndpoints endpoints = TavloEndpoints::compiledDefaults();
 
   /// The Linux implementations of every seam: system clock, a seeded generator and

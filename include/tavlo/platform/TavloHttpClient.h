@@ -1,0 +1,40 @@
+// Platform seam: one synchronous HTTP GET.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tavlo/TavloExport.h"
+
+/// Header names and values, in the order sent or received.
+using TavloHttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
+struct TAVLO_EXPORT TavloHttpRequest {
+  std::string url;
+  TavloHttpHeaders headers;
+  /// Seconds for the whole exchange, connection included.
+  double timeoutSeconds = 60;
+};
+
+struct TAVLO_EXPORT TavloHttpResponse {
+  /// The HTTP status, or nothing when no response arrived (refused, timed out, reset).
+  std::optional<long> status;
+  /// What went wrong at the transport level; empty when a response arrived.
+  std::string error;
+  TavloHttpHeaders headers;
+  std::string body;
+
+  /// The first header of that name, compared without regard to case.
+  std::optional<std::string> header(const std::string& name) const;
+};
+
+/// Sends GET requests and waits for the answer. The library calls it only from its own
+/// background threads, never from the application's. Implementations must be callable
+/// from several threads at once.
+class TAVLO_EXPORT TavloHttpClient {
+ public:
+  virtual ~TavloHttpClient() = default;
+  virtual TavloHttpResponse get(const TavloHttpRequest& request) = 0;
+};
