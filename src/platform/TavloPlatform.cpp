@@ -3,9 +3,11 @@
 #include <mutex>
 #include <optional>
 
+#include "platform/TavloCurlHttpClient.h"
 #include "platform/TavloFileSecureStore.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLinuxDeviceInfo.h"
+#include "platform/TavloMainLoopQueue.h"
 #include "platform/TavloPosixFileSystem.h"
 #include "platform/TavloStderrLogSink.h"
 #include "platform/TavloSystemClock.h"
@@ -73,6 +75,8 @@ TavloPlatform TavloPlatform::linuxDefaults(const TavloApplicationInfo& applicati
   platform.files = files;
   platform.secureStore = std::make_shared<TavloFileSecureStore>(files, secureFolder);
   platform.deviceInfo = std::make_shared<TavloLinuxDeviceInfo>(application);
+  platform.mainQueue = std::make_shared<TavloMainLoopQueue>();  // its thread starts on first use
+  platform.httpClient = std::make_shared<TavloCurlHttpClient>();  // libcurl starts on the first exchange
   platform.endpoints = TavloEndpoints::compiledDefaults();
   return platform;
 }
@@ -101,6 +105,9 @@ TavloPlatform TavloPlatform::completedWith(const TavloPlatform& fallback) const 
   fillIfEmpty(completed.secureStore, fallback.secureStore);
   fillIfEmpty(completed.deviceInfo, fallback.deviceInfo);
   fillIfEmpty(completed.advertisingIdProvider, fallback.advertisingIdProvider);
+  fillIfEmpty(completed.mainQueue, fallback.mainQueue);
+  fillIfEmpty(completed.httpClient, fallback.httpClient);
+  fillIfEmpty(completed.reachabilitySource, fallback.reachabilitySource);
   fillIfEmpty(completed.endpoints.authorisation, fallback.endpoints.authorisation);
   fillIfEmpty(completed.endpoints.audienceCollection, fallback.endpoints.audienceCollection);
   fillIfEmpty(completed.endpoints.streamingCollection, fallback.endpoints.streamingCollection);

@@ -3,9 +3,11 @@
 TavloTestPlatform TavloMakeTestPlatform() {
   TavloTestPlatform test;
   test.clock = std::make_shared<TavloManualClock>(TavloTestPlatformStartDate);
+  test.mainQueue = std::make_shared<TavloManualMainQueue>(test.clock);
   test.random = std::make_shared<TavloSequenceRandom>();
   test.logSink = std::make_shared<TavloCapturingLogSink>();
   test.secureStore = std::make_shared<TavloMemorySecureStore>();
+  test.http = std::make_shared<TavloScriptedHttpClient>();
   test.deviceInfo = std::make_shared<TavloFixedDeviceInfo>();
   test.directory = std::make_shared<TavloTemporaryDirectory>();
   // The deleter holds the folder, so whoever keeps the file system (the platform
@@ -15,10 +17,12 @@ TavloTestPlatform TavloMakeTestPlatform() {
                                                      [directory](TavloPosixFileSystem* files) { delete files; });
 
   test.platform.clock = test.clock;
+  test.platform.mainQueue = test.mainQueue;
   test.platform.random = test.random;
   test.platform.logSink = test.logSink;
   test.platform.files = test.files;
   test.platform.secureStore = test.secureStore;
+  test.platform.httpClient = test.http;
   test.platform.deviceInfo = test.deviceInfo;
   test.platform.advertisingIdProvider = nullptr;
   test.platform.endpoints = TavloEndpoints::allAt("http://127.0.0.1:1");

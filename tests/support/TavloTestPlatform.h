@@ -7,7 +7,9 @@
 #include "support/TavloCapturingLogSink.h"
 #include "support/TavloFixedDeviceInfo.h"
 #include "support/TavloManualClock.h"
+#include "support/TavloManualMainQueue.h"
 #include "support/TavloMemorySecureStore.h"
+#include "support/TavloScriptedHttpClient.h"
 #include "support/TavloSequenceRandom.h"
 #include "support/TavloTemporaryDirectory.h"
 #include "tavlo/platform/TavloPlatform.h"
@@ -27,9 +29,13 @@ struct TavloTestPlatform {
   TavloPlatform platform;
 
   std::shared_ptr<TavloManualClock> clock;
+  /// Virtual time: advanceBy() runs due work and moves `clock` along.
+  std::shared_ptr<TavloManualMainQueue> mainQueue;
   std::shared_ptr<TavloSequenceRandom> random;
   std::shared_ptr<TavloCapturingLogSink> logSink;
   std::shared_ptr<TavloMemorySecureStore> secureStore;
+  /// Records every request; answers "no scripted answer" until the test scripts it.
+  std::shared_ptr<TavloScriptedHttpClient> http;
   std::shared_ptr<TavloFixedDeviceInfo> deviceInfo;
   /// Real files, with dataDirectory() answering `directory->path()`.
   std::shared_ptr<TavloPosixFileSystem> files;
