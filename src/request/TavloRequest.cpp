@@ -3,6 +3,10 @@
 #include "request/TavloKeyedArchiver.h"
 #include "request/TavloKeyedUnarchiver.h"
 #include "tagging/TavloStringHash.h"
+#include "tagging/TavloText.h"
+
+#include <algorithm>
+#include <cmath>
 
 namespace {
 const std::string kParametersKey = "TavloRequest_parameters";
@@ -250,4 +254,106 @@ std::shared_ptr<TavloCodable> TavloRequest::initWithCoder(TavloKeyedUnarchiver& 
   request->taggerID_ = coder.decodeObjectOfClass<TavloTaggerID>(kTaggerIDKey);
   request->auth_ = coder.decodeObjectOfClass<TavloAuth>(kAuthKey);
   return request;
+}
+
+namespace {
+// What a URL parser would refuse in the base address: anything but printable ASCII, and
+// the characters URLs never carry unescaped.
+bool isUsableBase(const std::string& base) {
+  if (base.rfind("http://", 0) != 0 && base.rfind("https://", 0) != 0) return false;
+  return std::none_of(base.begin(), base.end(), [](char ch) {
+    const auto c = static_cast<unsigned char>(ch);
+    return c <= 0x20 || c >= 0x7F || std::string_view("\"<>\\^`{|}").find(ch) != std::string_view::npos;
+  });
+}
+
+int64_t truncatedSeconds(double seconds) {
+  if (!std::isfinite(seconds)) return 0;
+  if (seconds >= 9.2e18) return INT64_MAX;
+  if (seconds <= -9.2e18) return INT64_MIN;
+  return static_cast<int64_t>(seconds);
+}
+
+bool lessIgnoringCase(const std::string& a, const std::string& b) {
+  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
+  });
+}
+
+std::vector<std::string> split(std::string_view text, char separator) {
+  std::vector<std::string> pieces;
+  size_t start = 0;
+  for (;;) {
+    const size_t end = text.find(separator, start);
+    pieces.emplace_back(text.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start));
+    if (end == std::string_view::npos) return pieces;
+    start = end + 1;
+  }
+}
+
+// Head, "?", then the pieces of the query (the text between the first and the second
+// "?") sorted without regard to case.
+std::string sortedQuery(const std::string& assembled) {
+  const std::vector<std::string> halves = split(assembled, '?');
+  if (halves.size() < 2) return assembled;
+  std::vector<std::string> pieces = split(halves[1], '&');
+  std::stable_sort(pieces.begin(), pieces.end(), lessIgnoringCase);
+  std::string result = halves[0] + "?";
+  for (size_t i = 0; i < pieces.size(); ++i) result += (i == 0 ? "" : "&") + pieces[i];
+  return result;
+}
+}  // namespace
+
+std::string TavloRequest::urlEncode(std::string_view text) { return TavloPercentEscape(text); }
+
+void TavloRequest::setParameter(const std::string& key, const std::string& value) {
+  std::lock_guard lock(mutex_);
+  auto updated = parameters_ ? std::make_shared<TavloParameters>(*parameters_) : std::make_shared<TavloParameters>();
+  (*updated)[key] = value;
+  parameters_ = std::move(updated);
+}
+
+TavloString TavloRequest::url(int32_t networkStatus, double clockDelta, const TavloEndpoints& endpoints) {
+  const std::shared_ptr<const TavloParameters> parameters = this->parameters();
+  const std::shared_ptr<TavloAuth> auth = this->auth();
+  const int64_t mode = sendingMode();
+  const std::shared_ptr<TavloAccess> access = auth ? auth->currentAccess() : nullptr;
+  if (!access) return std::nullopt;
+
+  const bool timestamped = mode == TavloSendingModeTimestamped || mode == TavloSendingModeDisconnected;
+  const std::string base = timestamped ? endpoints.audienceCollectionAddress() + access->serial().value_or("")
+                                       : access->host().value_or("");
+  const std::string network = networkStatus == 2 ? "Wifi" : "GSM";
+
+  std::string assembled = base + "?m_ntwk=" + network;
+  if (mode != TavloSendingModeLive) {
+    assembled += "&ts=" + std::to_string(truncatedSeconds(creationDate().value_or(0) + clockDelta));
+    assembled += std::string("&tt=") + (mode == TavloSendingModeTimestamped ? "c" : "d");
+  }
+  if (parameters) {
+    for (const auto& [key, value] : *parameters) {
+      if (key == "m_ntwk") continue;
+      assembled += "&" + urlEncode(key) + "=" + urlEncode(value);
+    }
+  }
+  if (requestType() == TavloRequestTypeStreaming) {
+    const std::shared_ptr<TavloSession> session = auth->currentSession();
+    assembled += "&" + urlEncode("cmsVI") + "=" + urlEncode(session ? session->cmsVI().value_or("") : "");
+  }
+  setParameter("m_ntwk", network);
+
+  if (!isUsableBase(base)) return std::nullopt;
+  return sortedQuery(assembled);
+}
+
+void TavloRequest::setTheRank(int64_t rank) { setParameter("cmsRK", std::to_string(rank)); }
+
+void TavloRequest::transformToStop() {
+  std::lock_guard lock(mutex_);
+  auto updated = parameters_ ? std::make_shared<TavloParameters>(*parameters_) : std::make_shared<TavloParameters>();
+  const auto rank = updated->find("cmsRK");
+  const int64_t current = rank == updated->end() ? 0 : TavloLeadingInteger(rank->second);
+  (*updated)["cmsPS"] = "12";
+  (*updated)["cmsRK"] = std::to_string(current == INT64_MAX ? current : current + 1);
+  parameters_ = std::move(updated);
 }

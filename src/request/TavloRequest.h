@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "auth/TavloAuth.h"
 #include "request/TavloCodable.h"
@@ -103,6 +104,31 @@ class TavloRequest : public TavloCodable {
   /// collection address of `endpoints` for timestamped and disconnected ones.
   std::string description(const TavloEndpoints& endpoints) const;
 
+  /// The address to send, or nil when it cannot be a valid URL (no authorisation
+  /// attached, or a base that is not an http(s) address).
+  ///
+  /// Base: for timestamped and disconnected hits the audience collection address of
+  /// `endpoints` followed by the access's serial; otherwise the access's host. Then the
+  /// query: "m_ntwk" ("Wifi" for `networkStatus` 2, "GSM" otherwise); unless live, "ts"
+  /// (creation time plus `clockDelta`, truncated to whole seconds) and "tt" ("c" for
+  /// timestamped, "d" otherwise); every parameter but a stored "m_ntwk", escaped; for
+  /// streaming hits "cmsVI" of the attached session. The pieces are sorted without
+  /// regard to case (ties keep their order).
+  ///
+  /// Side effect: the parameters are replaced by a copy holding the "m_ntwk" just used,
+  /// so a request persisted afterwards carries the last network name.
+  TavloString url(int32_t networkStatus, double clockDelta, const TavloEndpoints& endpoints);
+
+  /// Percent-escapes a query key or value as UTF-8 bytes (see TavloPercentEscape).
+  static std::string urlEncode(std::string_view text);
+
+  /// Sets "cmsRK" to `rank`.
+  void setTheRank(int64_t rank);
+
+  /// Turns the request into a stop event: "cmsPS" "12" and "cmsRK" one more than its
+  /// leading integer (0 when absent). Type, mode, date and identity stay.
+  void transformToStop();
+
   static std::shared_ptr<TavloCodable> initWithCoder(TavloKeyedUnarchiver& coder);
   std::vector<std::string> classChain() const override;
   void encodeWithCoder(TavloKeyedArchiver& coder) const override;
@@ -113,6 +139,10 @@ class TavloRequest : public TavloCodable {
 
   /// Replaces the parameter dictionary whole (used by the URL and rank operations).
   void replaceParameters(std::shared_ptr<const TavloParameters> parameters);
+
+ private:
+  /// A copy of the parameters with `key` set to `value`, installed in their place.
+  void setParameter(const std::string& key, const std::string& value);
 
  private:
   mutable std::mutex mutex_;

@@ -1,5 +1,5 @@
-#include "TavloLoggingFixture.h"
-#include "TavloFixedAdvertisingIdProvider.h"
+#include "support/TavloLoggingFixture.h"
+#include "support/TavloFixedAdvertisingIdProvider.h"
 #include "agent/TavloDefaultParameters.h"
 #include "platform/TavloLogger.h"
 

@@ -1,6 +1,6 @@
 #include <limits>
 
-#include "TavloLoggingFixture.h"
+#include "support/TavloLoggingFixture.h"
 #include "platform/TavloLogger.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "TavloTestPlatform.h"
+#include "support/TavloTestPlatform.h"
 #include "platform/TavloQLVRUUIDHandler.h"
 
 namespace {

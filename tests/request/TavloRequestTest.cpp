@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "TavloArchiveTestKit.h"
+#include "support/TavloArchiveTestKit.h"
 #include "request/TavloClearCache.h"
 #include "request/TavloKeyedArchiver.h"
 #include "request/TavloKeyedUnarchiver.h"

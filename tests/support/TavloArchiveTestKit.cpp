@@ -1,4 +1,4 @@
-#include "TavloArchiveTestKit.h"
+#include "support/TavloArchiveTestKit.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,4 +1,4 @@
-#include "TavloLoggingFixture.h"
+#include "support/TavloLoggingFixture.h"
 
 #include "platform/TavloLogger.h"
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "TavloTestPlatform.h"
+#include "support/TavloTestPlatform.h"
 
 /// Installs a platform of fakes (so every log line lands in `test.logSink`) and restores
 /// the process-wide logging threshold to its default after the test.

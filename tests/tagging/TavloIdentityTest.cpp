@@ -102,7 +102,9 @@ TEST(TavloTaggerIdentifier, NilCustomerDataFindsItselfButIsNotTheEmptyString) {
   };
   for (const Case& c : cases) {
     EXPECT_EQ(c.equal, c.a.isEqual(c.b)) << c.why;
-    if (c.equal) EXPECT_EQ(c.a.hash(), c.b.hash()) << c.why;
+    if (c.equal) {
+      EXPECT_EQ(c.a.hash(), c.b.hash()) << c.why;
+    }
   }
 }
 
