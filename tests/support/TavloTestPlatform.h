@@ -51,7 +51,8 @@ inline constexpr TavloDate TavloTestPlatformStartDate = 1700000000;
 
 /// A fresh platform of fakes: a manual clock at TavloTestPlatformStartDate (UTC), a
 /// sequence random with no script (1, 2, 3, ... and counted UUIDs), a capturing log
-/// sink, an empty in-memory secure store, fixed device info with its defaults, no
+/// sink, an empty in-memory secure store, a scripted HTTP client with no script,
+/// fixed device info with its defaults, no
 /// advertising identifier provider, POSIX files in a fresh temporary folder, and every
 /// endpoint at "http://127.0.0.1:1", where nothing listens.
 TavloTestPlatform TavloMakeTestPlatform();

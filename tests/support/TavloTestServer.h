@@ -1,0 +1,133 @@
+// An HTTP server inside the test process, on 127.0.0.1.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tavlo/TavloTypes.h"
+#include "tavlo/platform/TavloHttpClient.h"
+
+namespace httplib {
+class Server;
+}
+
+/// One request as the server received it.
+struct TavloTestServerRequest {
+  std::string method;
+  /// The request target exactly as it was on the request line: path and query, still
+  /// percent-encoded ("/m/web/?s=1&l=a%20b"), or the whole URL when sent to a proxy.
+  std::string target;
+  /// `target` up to its first "?".
+  std::string path;
+  /// `target` after its first "?"; empty when there is none.
+  std::string query;
+  /// Header names as sent, in cpp-httplib's order (sorted by name, without case).
+  TavloHttpHeaders headers;
+  std::string body;
+  /// The client's port: requests that share it came over one connection.
+  int remotePort = 0;
+
+  /// The first header of that name, compared without regard to case.
+  std::optional<std::string> header(const std::string& name) const;
+};
+
+/// What a handler answers.
+struct TavloTestServerResponse {
+  int status = 200;
+  std::string body;
+  std::string contentType = "text/plain";
+  /// Sent as they are, after the ones cpp-httplib writes itself.
+  TavloHttpHeaders headers;
+  /// Adds a "Date" header naming this moment (cpp-httplib sends none of its own).
+  std::optional<TavloDate> date;
+  /// Sends the body in chunks with no declared length, as a streaming server would.
+  bool chunked = false;
+};
+
+/// A real HTTP/1.1 server (cpp-httplib) on 127.0.0.1 and a port the kernel chose, for
+/// integration tests and the demo: the library's real client talks to it, and the test
+/// asserts on the requests as they arrived.
+///
+///   TavloTestServer server;
+///   server.handle("/m/web/", [](const TavloTestServerRequest& r) { return TavloTestServerResponse{200, "ok"}; });
+///   platform.endpoints = TavloEndpoints::allAt(server.baseURL());
+///   ...
+///   ASSERT_TRUE(server.waitForRequests(1));
+///   EXPECT_EQ("s=123", server.requests()[0].query);
+///
+/// Every request is recorded before its handler runs, so a handler that blocks does not
+/// hide the request from waitForRequests. The handler whose path prefix is the longest
+/// one matching the request's raw path answers; with none, the answer is 404 and the
+/// body "no handler for <path>". A handler that throws answers 500.
+///
+/// The constructor returns once the server accepts connections; the destructor stops
+/// it and waits for its threads. Handlers run on the server's threads, several at once;
+/// every member is callable from any thread (`stateProtector` guards the state).
+class TavloTestServer {
+ public:
+  using Handler = std::function<TavloTestServerResponse(const TavloTestServerRequest&)>;
+
+  struct Options {
+    /// Off by default: every answer closes its connection, so stopping never waits for
+    /// an idle client. On: up to 100 requests per connection, idle for at most a
+    /// second; stopping then waits up to a second for a client that still holds one
+    /// open (destroying the client first closes its connections at once).
+    bool keepAlive = false;
+  };
+
+  /// Starts the server. Throws std::runtime_error when it cannot listen.
+  TavloTestServer();
+  explicit TavloTestServer(Options options);
+  ~TavloTestServer();
+  TavloTestServer(const TavloTestServer&) = delete;
+  TavloTestServer& operator=(const TavloTestServer&) = delete;
+
+  /// "http://127.0.0.1:PORT", without a trailing slash.
+  const std::string& baseURL() const { return base; }
+  int port() const { return listeningPort; }
+
+  /// Answers requests whose raw path starts with `pathPrefix` ("" answers every path);
+  /// replaces an earlier handler of the same prefix.
+  void handle(const std::string& pathPrefix, Handler handler);
+  /// The same fixed answer for every matching request.
+  void respond(const std::string& pathPrefix, int status, std::string body = {}, TavloHttpHeaders headers = {});
+
+  /// Every request received so far, in the order they arrived.
+  std::vector<TavloTestServerRequest> requests() const;
+  std::size_t requestCount() const;
+  /// Waits until at least `count` requests have arrived; false if the time ran out.
+  bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+  /// Stops listening and waits for the handlers in progress. Idempotent.
+  void stop();
+
+  /// `date` as an HTTP "Date" header writes it (RFC 1123, GMT):
+  /// "Tue, 14 Nov 2023 22:13:20 GMT". Fractions of a second are dropped; a date that
+  /// is not finite or out of the years 1..9999 gives the epoch.
+  static std::string httpDate(TavloDate date);
+
+ private:
+  void start(const Options& options);
+  void serve(const TavloTestServerRequest& request, TavloTestServerResponse& response) const;
+
+  std::unique_ptr<httplib::Server> server;
+  std::thread listener;
+  std::atomic<bool> listenerEnded{false};
+  int listeningPort = 0;
+  std::string base;
+
+  mutable std::mutex stateProtector;
+  mutable std::condition_variable requestArrived;           // notified under stateProtector
+  std::vector<TavloTestServerRequest> received;             // guarded by stateProtector
+  std::vector<std::pair<std::string, Handler>> handlers;    // guarded by stateProtector
+};
