@@ -39,11 +39,10 @@ const Seam seams[] = {
      [](const TavloPlatform& p) -> const void* { return p.reachabilitySource.get(); }},
 };
 
-// Seams whose Linux implementation is still to be wired into the defaults, or that
-// Linux does not have at all.
+// Seams Linux has no default for (the advertising identifier), or not one wired in yet.
 bool linuxLeavesEmpty(const Seam& seam) {
   const std::string name = seam.name;
-  return name == "advertisingIdProvider" || name == "mainQueue" || name == "httpClient" || name == "reachabilitySource";
+  return name == "advertisingIdProvider" || name == "reachabilitySource";
 }
 
 // Stand-ins that only need an identity: which object ends up where.
