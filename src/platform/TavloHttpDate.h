@@ -10,6 +10,3 @@
 /// text is not a date. Accepts the three formats HTTP allows, and the zone names and
 /// numeric offsets they carry.
 std::optional<TavloDate> TavloParseHttpDate(const std::string& text);
-
-/// The RFC 1123 form of `date` in GMT, as a server writes its "Date" header.
-std::string TavloFormatHttpDate(TavloDate date);

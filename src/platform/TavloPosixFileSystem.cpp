@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -200,4 +201,31 @@ std::error_code TavloPosixFileSystem::writeFileAtomically(const std::string& pat
 std::error_code TavloPosixFileSystem::removeFile(const std::string& path) {
   if (::unlink(path.c_str()) != 0) return lastError();
   return {};
+}
+
+namespace {
+class FlockLock final : public TavloFileSystem::Lock {
+ public:
+  explicit FlockLock(int descriptor) : descriptor_(descriptor) {}
+  ~FlockLock() override { ::close(descriptor_); }  // closing releases the lock
+
+ private:
+  const int descriptor_;
+};
+}  // namespace
+
+std::unique_ptr<TavloFileSystem::Lock> TavloPosixFileSystem::tryLockFile(const std::string& path,
+                                                                          std::error_code& error) {
+  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (descriptor < 0) {
+    error = std::error_code(errno, std::generic_category());
+    return nullptr;
+  }
+  if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+    error = std::error_code(errno == EWOULDBLOCK ? EAGAIN : errno, std::generic_category());
+    ::close(descriptor);
+    return nullptr;
+  }
+  error.clear();
+  return std::make_unique<FlockLock>(descriptor);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -33,4 +34,20 @@ class TAVLO_EXPORT TavloFileSystem {
 
   /// Removes the file; a missing file is std::errc::no_such_file_or_directory.
   virtual std::error_code removeFile(const std::string& path) = 0;
+
+  /// Held while it exists; destroying it releases the lock.
+  class Lock {
+   public:
+    virtual ~Lock() = default;
+  };
+
+  /// Takes an exclusive advisory lock on `path` (created with mode 0600 if missing)
+  /// without waiting. Nothing, with `error` set, when another holder has it
+  /// (std::errc::resource_unavailable_try_again) or the file cannot be opened. A platform
+  /// without such locks answers an empty lock: every caller gets it.
+  virtual std::unique_ptr<Lock> tryLockFile(const std::string& path, std::error_code& error) {
+    error.clear();
+    (void)path;
+    return std::make_unique<Lock>();
+  }
 };
