@@ -76,6 +76,13 @@ std::optional<std::string> TavloTestServerRequest::header(const std::string& nam
   return std::nullopt;
 }
 
+TavloTestServerResponse TavloTestServerResponse::with(int status, std::string body) {
+  TavloTestServerResponse answer;
+  answer.status = status;
+  answer.body = std::move(body);
+  return answer;
+}
+
 TavloTestServer::TavloTestServer() : TavloTestServer(Options{}) {}
 
 TavloTestServer::TavloTestServer(Options options) { start(options); }
@@ -170,9 +177,7 @@ void TavloTestServer::handle(const std::string& pathPrefix, Handler handler) {
 }
 
 void TavloTestServer::respond(const std::string& pathPrefix, int status, std::string body, TavloHttpHeaders headers) {
-  TavloTestServerResponse answer;
-  answer.status = status;
-  answer.body = std::move(body);
+  TavloTestServerResponse answer = TavloTestServerResponse::with(status, std::move(body));
   answer.headers = std::move(headers);
   handle(pathPrefix, [answer](const TavloTestServerRequest&) { return answer; });
 }

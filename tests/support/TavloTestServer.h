@@ -32,6 +32,7 @@ struct TavloTestServerRequest {
   /// `target` after its first "?"; empty when there is none.
   std::string query;
   /// Header names as sent, in cpp-httplib's order (sorted by name, without case).
+  /// cpp-httplib 0.11 drops a header whose value is empty.
   TavloHttpHeaders headers;
   std::string body;
   /// The client's port: requests that share it came over one connection.
@@ -52,6 +53,9 @@ struct TavloTestServerResponse {
   std::optional<TavloDate> date;
   /// Sends the body in chunks with no declared length, as a streaming server would.
   bool chunked = false;
+
+  /// A plain answer; the other fields keep their defaults.
+  static TavloTestServerResponse with(int status, std::string body = {});
 };
 
 /// A real HTTP/1.1 server (cpp-httplib) on 127.0.0.1 and a port the kernel chose, for
@@ -59,7 +63,7 @@ struct TavloTestServerResponse {
 /// asserts on the requests as they arrived.
 ///
 ///   TavloTestServer server;
-///   server.handle("/m/web/", [](const TavloTestServerRequest& r) { return TavloTestServerResponse{200, "ok"}; });
+///   server.handle("/m/web/", [](const TavloTestServerRequest& r) { return TavloTestServerResponse::with(200, "ok"); });
 ///   platform.endpoints = TavloEndpoints::allAt(server.baseURL());
 ///   ...
 ///   ASSERT_TRUE(server.waitForRequests(1));
