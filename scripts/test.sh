@@ -12,6 +12,10 @@ if [ -n "$sanitize" ] && [ -z "${TAVLO_BUILD_DIR:-}" ]; then
   build="$root/build-${sanitize//,/-}"
 fi
 
+# The integration tests talk to servers on the loopback address: never through a proxy.
+export no_proxy="127.0.0.1,localhost${no_proxy:+,$no_proxy}"
+export NO_PROXY="$no_proxy"
+
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DTAVLO_WERROR=ON -DTAVLO_SANITIZE="$sanitize"
 cmake --build "$build" --parallel "$(nproc)"

@@ -143,9 +143,15 @@ void TavloAgent::loadRequests() {
   fileLock_ = platform_.files->tryLockFile(path + ".lock", error);
   if (!fileLock_) {
     persistenceDisabled_ = true;
-    TavloLogger::log("The request queue file " + path + " is in use by another process of this application (" +
-                         error.message() + "); this process keeps its requests in memory only",
-                     TavloLoggingModeWarning);
+    if (error == std::errc::resource_unavailable_try_again) {
+      TavloLogger::log("The request queue file " + path + " is in use by another process of this application; " +
+                           "this process keeps its requests in memory only",
+                       TavloLoggingModeWarning);
+    } else {
+      TavloLogger::log("The request queue cannot be kept in " + path + " (" + error.message() +
+                           "); requests are kept in memory only",
+                       TavloLoggingModeError);
+    }
     return;
   }
 
