@@ -1,5 +1,6 @@
 #include "agent/TavloAgent.h"
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <future>
@@ -50,12 +51,24 @@ CivilDay civilDayOf(double localSeconds) {
 
 }  // namespace
 
+namespace {
+std::atomic<TavloAgent*> madeSharedAgent{nullptr};
+}  // namespace
+
 std::shared_ptr<TavloAgent> TavloAgent::sharedAgent() {
   // Never destroyed: the send loop may be in the middle of an exchange when the process
   // exits, and joining it from a static destructor would hold the exit up.
-  static const std::shared_ptr<TavloAgent>* const shared = new std::shared_ptr<TavloAgent>(
-      make(TavloPlatform::installed(), TavloAuthManager::manager(), TavloNotificationCenter::defaultCenter()));
+  static const std::shared_ptr<TavloAgent>* const shared = [] {
+    auto* agent = new std::shared_ptr<TavloAgent>(
+        make(TavloPlatform::installed(), TavloAuthManager::manager(), TavloNotificationCenter::defaultCenter()));
+    madeSharedAgent.store(agent->get());
+    return agent;
+  }();
   return *shared;
+}
+
+std::shared_ptr<TavloAgent> TavloAgent::sharedAgentIfMade() {
+  return madeSharedAgent.load() ? sharedAgent() : nullptr;
 }
 
 std::shared_ptr<TavloAgent> TavloAgent::make(const TavloPlatform& platform,
@@ -182,13 +195,31 @@ void TavloAgent::loadRequests() {
   if (!requestQueue.empty()) requestQueue.push_back(TavloClearCache::make());
 }
 
+// Saving is coalesced: a burst of changes (thousands of hits queued at once) schedules
+// one write, run on "TavloRequestHandler" after the changes already submitted there. The
+// file then lags the queue by the length of a burst, never more.
 void TavloAgent::saveRequests() {
   TavloLogger::log("Saving requests to cache", TavloLoggingModeInfo);
-  if (persistenceDisabled_) return;
-  const std::vector<std::shared_ptr<TavloCodable>> objects(requestQueue.begin(), requestQueue.end());
+  if (persistenceDisabled_ || saveScheduled_) return;
+  saveScheduled_ = true;
+  std::weak_ptr<TavloAgent> weak = weak_from_this();
+  requestHandler.async([weak] {
+    if (auto agent = weak.lock()) agent->writeRequestsFile();
+  });
+}
+
+void TavloAgent::writeRequestsFile() {
+  std::vector<std::shared_ptr<TavloCodable>> objects;
+  {
+    std::lock_guard lock(requestsProtector);
+    saveScheduled_ = false;
+    objects.assign(requestQueue.begin(), requestQueue.end());
+  }
+  // Archived and written without the lock: only this queue writes the file, in order.
   const std::string path = requestsFilePath();
   const std::error_code error =
       platform_.files->writeFileAtomically(path, TavloKeyedArchiver::archivedDataWithRootArray(objects), 0600);
+  std::lock_guard lock(requestsProtector);
   if (error && !saveFailureLogged_) {
     saveFailureLogged_ = true;
     TavloLogger::log("Could not save the request queue to " + path + " (" + error.message() +
@@ -228,7 +259,7 @@ void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
     if (agent->requestQueue.size() > kMaximumQueueLength) agent->requestQueue.pop_front();
     agent->saveRequests();
     agent->logCount();
-    agent->requestsCondition.notify_all();
+    agent->signalLoop();
   });
 }
 
@@ -238,6 +269,7 @@ void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& req
   std::erase_if(requestQueue, [&](const auto& queued) { return request->isEqual(*queued); });
   saveRequests();
   logCount();
+  if (requestQueue.empty()) requestsCondition.notify_all();  // wakes waitUntilQueueEmpty, not the loop's logic
 }
 
 bool TavloAgent::headIsSendable() {
@@ -251,6 +283,7 @@ void TavloAgent::handleRequests() {
   for (;;) {
     while (!stopping_ && !headIsSendable()) {
       loopWaiting_ = true;
+      signalsSeen_ = signalsSent_;
       requestsCondition.notify_all();  // wakes TEST_waitUntilIdle
       requestsCondition.wait(lock);
       loopWaiting_ = false;
@@ -369,7 +402,7 @@ void TavloAgent::reachabilityStatusChanged() {
     // goes with them (its type reads audience). The file is rewritten at the next change.
     std::erase_if(agent->requestQueue,
                   [](const auto& queued) { return queued->requestType() == TavloRequestTypeAudience; });
-    agent->requestsCondition.notify_all();
+    agent->signalLoop();
   });
 }
 
@@ -380,8 +413,18 @@ void TavloAgent::applicationWillEnterForeground() {
     auto agent = weak.lock();
     if (!agent) return;
     std::lock_guard lock(agent->requestsProtector);
-    agent->requestsCondition.notify_all();
+    agent->signalLoop();
   });
+}
+
+void TavloAgent::signalLoop() {
+  ++signalsSent_;
+  requestsCondition.notify_all();
+}
+
+bool TavloAgent::waitUntilQueueEmpty(double seconds) {
+  std::unique_lock lock(requestsProtector);
+  return requestsCondition.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return requestQueue.empty(); });
 }
 
 std::deque<std::shared_ptr<TavloRequest>> TavloAgent::TEST_queue() {
@@ -395,5 +438,8 @@ bool TavloAgent::TEST_waitUntilIdle(double seconds) {
   if (!requestHandler.async([handled] { handled->set_value(); })) return true;
   if (handled->get_future().wait_until(deadline) != std::future_status::ready) return false;
   std::unique_lock lock(requestsProtector);
-  return requestsCondition.wait_until(lock, deadline, [&] { return stopping_ || (loopWaiting_ && !headIsSendable()); });
+  return requestsCondition.wait_until(lock, deadline, [&] { 
+    // A signal the loop has not woken up for yet means it is about to work.
+    return stopping_ || (loopWaiting_ && signalsSeen_ == signalsSent_ && !headIsSendable());
+  });
 }

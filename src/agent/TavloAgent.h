@@ -54,7 +54,8 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 ///    the head for a retry; a refusal or any other status removes it.
 ///
 /// The queue holds at most 500 requests (the oldest goes first) and is written to
-/// "<data directory>/<application>/TavloCache/requests.ser" after every change, atomically.
+/// "<data directory>/<application>/TavloCache/requests.ser" after every change, atomically
+/// (a burst of changes is written once, right after the burst).
 /// At start, audience requests in the file are dropped and streaming ones kept, followed by
 /// a clear-cache marker. The file is guarded by an advisory lock: a second process of the
 /// same application keeps its queue in memory only, and says so once.
@@ -68,6 +69,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// The process-wide agent, made on first use with the installed platform and the
   /// process-wide authorisation manager. Never destroyed; `shutdown` stops it.
   static std::shared_ptr<TavloAgent> sharedAgent();
+  /// The process-wide agent if it was made already; never makes it.
+  static std::shared_ptr<TavloAgent> sharedAgentIfMade();
 
   /// An agent of its own (tests, shims). `center` receives the reachability and
   /// foreground notifications; by default the process-wide one.
@@ -120,6 +123,9 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   const TavloPlatform& platform() const { return platform_; }
   const std::shared_ptr<TavloAuthManager>& authManager() const { return authManager_; }
 
+  /// Waits until the queue is empty, up to `seconds` of real time; true when empty.
+  bool waitUntilQueueEmpty(double seconds);
+
   /// A snapshot of the queue, oldest first. For tests and tools.
   std::deque<std::shared_ptr<TavloRequest>> TEST_queue();
   /// Waits until both queues are idle and the send loop sleeps, up to `seconds` of real
@@ -133,10 +139,13 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
 
   void loadRequests();
   void saveRequests();                                                   // REQUIRES: requestsProtector held
+  void writeRequestsFile();                                              // on requestHandler only
   void removeRequestFromQueue(const std::shared_ptr<TavloRequest>& r);  // REQUIRES: requestsProtector held
   bool headIsSendable();                                                 // REQUIRES: requestsProtector held
   void handleRequests();
   void logCount();                                                       // REQUIRES: requestsProtector held
+  /// Wakes the send loop to test its head again. REQUIRES: requestsProtector held.
+  void signalLoop();
 
   const TavloPlatform platform_;
   const std::shared_ptr<TavloAuthManager> authManager_;
@@ -155,9 +164,12 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::deque<std::shared_ptr<TavloRequest>> requestQueue;  // guarded by requestsProtector
   bool stopping_ = false;                                 // guarded by requestsProtector
   bool loopWaiting_ = false;                              // guarded by requestsProtector
+  uint64_t signalsSent_ = 0;                              // guarded by requestsProtector
+  uint64_t signalsSeen_ = 0;                              // guarded by requestsProtector
   std::unique_ptr<TavloFileSystem::Lock> fileLock_;       // guarded by requestsProtector
   bool persistenceDisabled_ = false;                      // guarded by requestsProtector
   bool saveFailureLogged_ = false;                        // guarded by requestsProtector
+  bool saveScheduled_ = false;                            // guarded by requestsProtector
 
   std::mutex partialIDLocker;
   uint64_t partialID_ = 0;  // guarded by partialIDLocker
