@@ -423,8 +423,15 @@ void TavloAgent::signalLoop() {
 }
 
 bool TavloAgent::waitUntilQueueEmpty(double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  // Hits handed over just before this call may still be on their way into the queue.
+  auto handled = std::make_shared<std::promise<void>>();
+  if (requestHandler.async([handled] { handled->set_value(); }) &&
+      handled->get_future().wait_until(deadline) != std::future_status::ready) {
+    return false;
+  }
   std::unique_lock lock(requestsProtector);
-  return requestsCondition.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return requestQueue.empty(); });
+  return requestsCondition.wait_until(lock, deadline, [&] { return requestQueue.empty(); });
 }
 
 std::deque<std::shared_ptr<TavloRequest>> TavloAgent::TEST_queue() {

@@ -1,0 +1,59 @@
+// Runs the audience example against an in-process server and checks what arrived:
+//   tavlo_example_check EXAMPLE_BINARY
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "support/TavloTemporaryDirectory.h"
+#include "support/TavloTestServer.h"
+
+extern char** environ;
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: %s EXAMPLE_BINARY\n", argv[0]);
+    return 2;
+  }
+  TavloTemporaryDirectory home;
+  setenv("XDG_DATA_HOME", home.path().c_str(), 1);  // the example's queue file and device id go here
+
+  TavloTestServer server;
+  server.handle("/", [&](const TavloTestServerRequest&) {
+    return TavloTestServerResponse::with(200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=1");
+  });
+  server.respond("/m/web/", 200, "OK");
+
+  std::string base = server.baseURL();
+  char* arguments[] = {argv[1], base.data(), nullptr};
+  pid_t child = 0;
+  if (posix_spawn(&child, argv[1], nullptr, nullptr, arguments, environ) != 0) {
+    std::fprintf(stderr, "FAIL: cannot start %s\n", argv[1]);
+    return 1;
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "FAIL: the example did not report its hits sent\n");
+    return 1;
+  }
+  int hits = 0;
+  for (const auto& request : server.requests()) {
+    if (request.path == "/m/web/example-serial") {
+      ++hits;
+      if (request.query.find("crmid=viewer-42") == std::string::npos ||
+          request.header("User-Agent") != "TavloAudienceExample/1.0 Tavlo SDK v5.4.5 apple tv") {
+        std::fprintf(stderr, "FAIL: unexpected hit %s\n", request.target.c_str());
+        return 1;
+      }
+    }
+  }
+  if (hits != 3) {
+    std::fprintf(stderr, "FAIL: %d hits arrived, 3 expected\n", hits);
+    return 1;
+  }
+  std::printf("the example's 3 hits arrived\n");
+  return 0;
+}
