@@ -244,7 +244,10 @@ void TavloMainLoopQueue::run(const std::shared_ptr<State>& shared) {
     if (state->deadlines.empty()) {
       state->wakeUp.wait(lock);
     } else {
-      state->wakeUp.wait_until(lock, state->deadlines.top().deadline);
+      // A copy: wait_until reads its deadline again after waking, and by then a push
+      // may have moved the heap's storage.
+      const SteadyClock::time_point deadline = state->deadlines.top().deadline;
+      state->wakeUp.wait_until(lock, deadline);
     }
   }
 }

@@ -8,6 +8,7 @@
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLinuxDeviceInfo.h"
 #include "platform/TavloMainLoopQueue.h"
+#include "platform/TavloNetlinkReachabilitySource.h"
 #include "platform/TavloPosixFileSystem.h"
 #include "platform/TavloStderrLogSink.h"
 #include "platform/TavloSystemClock.h"
@@ -77,6 +78,7 @@ TavloPlatform TavloPlatform::linuxDefaults(const TavloApplicationInfo& applicati
   platform.deviceInfo = std::make_shared<TavloLinuxDeviceInfo>(application);
   platform.mainQueue = std::make_shared<TavloMainLoopQueue>();  // its thread starts on first use
   platform.httpClient = std::make_shared<TavloCurlHttpClient>();  // libcurl starts on the first exchange
+  platform.reachabilitySource = std::make_shared<TavloNetlinkReachabilitySource>();  // no thread until watched
   platform.endpoints = TavloEndpoints::compiledDefaults();
   return platform;
 }

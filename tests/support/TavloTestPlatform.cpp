@@ -9,6 +9,7 @@ TavloTestPlatform TavloMakeTestPlatform() {
   test.secureStore = std::make_shared<TavloMemorySecureStore>();
   test.http = std::make_shared<TavloScriptedHttpClient>();
   test.deviceInfo = std::make_shared<TavloFixedDeviceInfo>();
+  test.reachability = std::make_shared<TavloSettableReachabilitySource>();
   test.directory = std::make_shared<TavloTemporaryDirectory>();
   // The deleter holds the folder, so whoever keeps the file system (the platform
   // copied into a long-lived agent, say) keeps the folder it writes to.
@@ -24,6 +25,7 @@ TavloTestPlatform TavloMakeTestPlatform() {
   test.platform.secureStore = test.secureStore;
   test.platform.httpClient = test.http;
   test.platform.deviceInfo = test.deviceInfo;
+  test.platform.reachabilitySource = test.reachability;
   test.platform.advertisingIdProvider = nullptr;
   test.platform.endpoints = TavloEndpoints::allAt("http://127.0.0.1:1");
   return test;

@@ -11,6 +11,7 @@
 #include "support/TavloMemorySecureStore.h"
 #include "support/TavloScriptedHttpClient.h"
 #include "support/TavloSequenceRandom.h"
+#include "support/TavloSettableReachabilitySource.h"
 #include "support/TavloTemporaryDirectory.h"
 #include "tavlo/platform/TavloPlatform.h"
 
@@ -37,6 +38,8 @@ struct TavloTestPlatform {
   /// Records every request; answers "no scripted answer" until the test scripts it.
   std::shared_ptr<TavloScriptedHttpClient> http;
   std::shared_ptr<TavloFixedDeviceInfo> deviceInfo;
+  /// Reachable over WiFi (0x2) until the test calls setFlags().
+  std::shared_ptr<TavloSettableReachabilitySource> reachability;
   /// Real files, with dataDirectory() answering `directory->path()`.
   std::shared_ptr<TavloPosixFileSystem> files;
   /// Owned by `files` too, so the folder lives as long as anything holds the platform.

@@ -34,7 +34,10 @@ class TAVLO_EXPORT TavloReachabilityHandle {
   /// own, one call at a time. Answers false if watching could not start. Starting again
   /// replaces the callback.
   virtual bool startWatching(std::function<void(uint32_t flags)> onChange) = 0;
-  /// Stops the calls; when it returns, no call is running or will start.
+  /// Stops the calls; when it returns, no call is running or will start. Called from
+  /// inside onChange (directly, or by destroying the handle's last owner there), it
+  /// cannot wait for that very call: it returns at once, and no later call starts.
+  /// Harmless when not watching. A handle's destructor stops watching.
   virtual void stopWatching() = 0;
 };
 
