@@ -10,15 +10,6 @@
 
 namespace {
 
-// The authorisation URL is the endpoint, "/" and the serial, unescaped. A serial that
-// could not stand in a URL makes no request at all.
-bool canStandInURL(const std::string& serial) {
-  return std::none_of(serial.begin(), serial.end(), [](char ch) {
-    const auto c = static_cast<unsigned char>(ch);
-    return c <= 0x20 || c >= 0x7F || std::string_view("\"<>\\^`{|}").find(ch) != std::string_view::npos;
-  });
-}
-
 // "key=value|key=value": pieces without "=" are ignored, a value stops at its second "=",
 // double quotes are removed from values, a later key overwrites an earlier one.
 std::map<std::string, std::string> parseAnswer(const std::string& body) {
@@ -107,7 +98,9 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
       TavloAccess::TavloAccessWithSerial(serial, TavloAccessModeFull, fallbackBase);
   bool isDefault = true;
 
-  if (serial && canStandInURL(*serial) && platform_.httpClient) {
+  // The authorisation URL is the endpoint, "/" and the serial, unescaped: a serial that
+  // could not stand in a URL makes no request at all.
+  if (serial && TavloIsURLSafeText(*serial) && platform_.httpClient) {
     TavloHttpRequest request;
     request.url = platform_.endpoints.authorisation + "/" + *serial;
     request.headers = {{"User-Agent", defaults_.userAgent()}};

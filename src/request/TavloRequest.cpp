@@ -257,14 +257,9 @@ std::shared_ptr<TavloCodable> TavloRequest::initWithCoder(TavloKeyedUnarchiver& 
 }
 
 namespace {
-// What a URL parser would refuse in the base address: anything but printable ASCII, and
-// the characters URLs never carry unescaped.
+// A base address a URL parser would refuse: not http(s), or holding what URLs never carry.
 bool isUsableBase(const std::string& base) {
-  if (base.rfind("http://", 0) != 0 && base.rfind("https://", 0) != 0) return false;
-  return std::none_of(base.begin(), base.end(), [](char ch) {
-    const auto c = static_cast<unsigned char>(ch);
-    return c <= 0x20 || c >= 0x7F || std::string_view("\"<>\\^`{|}").find(ch) != std::string_view::npos;
-  });
+  return (base.rfind("http://", 0) == 0 || base.rfind("https://", 0) == 0) && TavloIsURLSafeText(base);
 }
 
 int64_t truncatedSeconds(double seconds) {

@@ -125,3 +125,11 @@ int64_t TavloLeadingInteger(std::string_view text) {
   if (negative) return magnitude == limit ? INT64_MIN : -static_cast<int64_t>(magnitude);
   return static_cast<int64_t>(magnitude);
 }
+
+bool TavloIsURLSafeText(std::string_view text) {
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c <= 0x20 || c >= 0x7F || std::string_view("\"<>\\^`{|}").find(ch) != std::string_view::npos) return false;
+  }
+  return true;
+}

@@ -28,3 +28,8 @@ std::string TavloPercentEscape(std::string_view text);
 /// The leading integer of `text` as a number reads it: optional blanks, an optional sign,
 /// decimal digits; 0 when there are none; saturated at the 64-bit limits.
 int64_t TavloLeadingInteger(std::string_view text);
+
+/// Whether `text` can stand in a URL as it is: printable ASCII only, and none of the
+/// characters URLs never carry unescaped (blank, double quote, "<", ">", backslash, "^",
+/// backquote, "{", "|", "}").
+bool TavloIsURLSafeText(std::string_view text);
