@@ -1,6 +1,7 @@
 // Value types shared by the whole public interface.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -19,3 +20,14 @@ using TavloDate = double;
 
 /// Seconds between 1970-01-01 and 2001-01-01, the reference date of archived dates.
 inline constexpr double TavloSecondsFrom1970To2001 = 978307200.0;
+
+/// How a hit is sent and stamped. Live hits go to the access's host without a time
+/// stamp; timestamped and disconnected hits go to the audience collection address with
+/// "ts" and "tt" ("c" or "d"). Stored in queue files. Audience hits are always live; a
+/// streaming tagger sends in the mode its application chose, or disconnected while the
+/// network cannot be reached.
+enum TavloSendingMode : int64_t {
+  TavloSendingModeTimestamped = 0,
+  TavloSendingModeLive = 1,
+  TavloSendingModeDisconnected = 2,
+};

@@ -122,6 +122,9 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
 
   const TavloPlatform& platform() const { return platform_; }
   const std::shared_ptr<TavloAuthManager>& authManager() const { return authManager_; }
+  /// Where the agent's reachability monitor posts, and where streaming taggers made on
+  /// this agent listen for network changes.
+  const std::shared_ptr<TavloNotificationCenter>& notificationCenter() const { return center_; }
 
   /// Waits until the queue is empty, up to `seconds` of real time; true when empty.
   bool waitUntilQueueEmpty(double seconds);

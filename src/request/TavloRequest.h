@@ -22,14 +22,7 @@ enum TavloRequestType : int32_t {
   TavloRequestTypeStreaming = 1,
 };
 
-/// How a hit is sent and stamped. Live hits go to the access's host without a time
-/// stamp; timestamped and disconnected hits go to the audience collection address with
-/// "ts" and "tt" ("c" or "d"). Stored in queue files.
-enum TavloSendingMode : int64_t {
-  TavloSendingModeTimestamped = 0,
-  TavloSendingModeLive = 1,
-  TavloSendingModeDisconnected = 2,
-};
+// TavloSendingMode lives in tavlo/TavloTypes.h: streaming taggers take it from applications.
 
 /// Where a request stands. 2 is unused on purpose: the numbers are stored in queue files.
 enum TavloRequestStatus : int32_t {
