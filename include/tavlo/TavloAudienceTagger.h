@@ -30,7 +30,7 @@ class TAVLO_EXPORT TavloAudienceTagger : public TavloTagger {
  public:
   /// The tagger for `serial` and `customerData` (nil allowed: it is sent as "crmid" when
   /// present), made and registered on first use. A nil or empty serial gives a tagger
-  /// whose hits are queued and then refused by the authorisation step.
+  /// whose hits are dropped with an error line: they could not be attributed.
   static std::shared_ptr<TavloAudienceTagger> TavloAudienceTaggerWithSerial(TavloString serial,
                                                                             TavloString customerData = std::nullopt);
 

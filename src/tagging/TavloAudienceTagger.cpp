@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "agent/TavloAgent.h"
+#include "platform/TavloLogger.h"
 #include "tagging/TavloTaggerID.h"
 #include "tagging/TavloText.h"
 
@@ -53,6 +54,12 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
                                             const TavloString& level3, const TavloString& level4) {
   const std::shared_ptr<TavloAgent> agent = agent_.lock();
   if (!agent) return;
+  // Without a serial the hit could only reach the collection server unattributed.
+  const TavloString mySerial = serial();
+  if (!mySerial || mySerial->empty()) {
+    TavloLogger::log("TavloAudienceTagger - Hit dropped: this tagger has no serial", TavloLoggingModeError);
+    return;
+  }
   const std::shared_ptr<TavloAuth> cached = agent->authManager()->authFromCacheForTagger(*taggerID_);
   if (cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeAudience))) {
     return;
@@ -74,6 +81,6 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   addParam(netMeasurement(), "miCh", parameters.get(), kLevelLengthLimit);
 
   agent->addRequestToQueue(TavloRequest::TavloRequestWithParameters(
-      std::move(parameters), TavloRequestTypeAudience, TavloSendingModeLive, serial(), taggerID_,
+      std::move(parameters), TavloRequestTypeAudience, TavloSendingModeLive, mySerial, taggerID_,
       agent->platform().clock->now()));
 }

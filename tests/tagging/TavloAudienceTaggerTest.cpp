@@ -103,6 +103,16 @@ TEST_F(TavloAudienceTaggerTest, ACachedRefusalDropsTheHitSilently) {
   }
 }
 
+TEST_F(TavloAudienceTaggerTest, HitsWithoutASerialAreDroppedWithAnErrorLine) {
+  for (const TavloString& serial : {TavloString(), TavloString("")}) {
+    test.logSink->clear();
+    tagger(serial)->sendHitWithLevel1(std::nullopt);
+    settle();
+    EXPECT_TRUE(agent->TEST_queue().empty());
+    EXPECT_TRUE(test.logSink->contains("(ERROR) : TavloAudienceTagger - Hit dropped: this tagger has no serial"));
+  }
+}
+
 TEST_F(TavloAudienceTaggerTest, TheFactoryReturnsTheRegisteredTagger) {
   EXPECT_EQ(tagger("s", std::nullopt), tagger("s", std::nullopt));
   const auto a = tagger("s", "a");
