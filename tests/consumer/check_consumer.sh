@@ -1,0 +1,83 @@
+#!/bin/sh
+# Installs the built project into a fresh prefix and builds the consumer application
+# against it twice, through CMake (find_package) and through pkg-config, each time linked
+# with the shared and with the static library, then runs the four programs.
+# Usage: check_consumer.sh BUILD_DIR WORK_DIR CXX GENERATOR [EXTRA_FLAGS]
+# EXTRA_FLAGS are given to every compile and link (the sanitizers the project was built with).
+set -eu
+
+build=$1
+work=$2
+cxx=$3
+generator=$4
+flags=${5:-}
+consumer=$(cd "$(dirname "$0")" && pwd)
+
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+rm -rf "$work"
+mkdir -p "$work"
+prefix=$work/prefix
+cmake --install "$build" --prefix "$prefix" >"$work/install.log" || fail "cmake --install failed: $(cat "$work/install.log")"
+
+# What an application developer gets: public headers only, both libraries, both package files.
+shared=$(find "$prefix" -name libtavlo.so -print | head -n 1)
+[ -n "$shared" ] || fail "no libtavlo.so installed"
+libdir=$(dirname "$shared")
+for file in "$libdir/libtavlo.a" "$libdir/pkgconfig/tavlo.pc" "$libdir/cmake/Tavlo/TavloConfig.cmake" \
+    "$prefix/include/tavlo/TavloAudienceTagger.h" "$prefix/include/tavlo/platform/TavloPlatform.h" \
+    "$prefix/bin/tavlo-queue"; do
+  [ -e "$file" ] || fail "$file is not installed"
+done
+for internal in request agent auth platform/TavloLogger.h; do
+  [ ! -e "$prefix/include/$internal" ] || fail "internal header $internal is installed"
+done
+"$prefix/bin/tavlo-queue" --version >/dev/null || fail "the installed tavlo-queue does not run"
+
+# Through CMake.
+cmake -S "$consumer" -B "$work/cmake" -G "$generator" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/cmake-configure.log" 2>&1 \
+  || fail "the consumer does not configure: $(cat "$work/cmake-configure.log")"
+cmake --build "$work/cmake" >"$work/cmake-build.log" 2>&1 || fail "the consumer does not build: $(cat "$work/cmake-build.log")"
+
+# Through pkg-config. --static adds what libtavlo.a needs; -l:libtavlo.a then picks the
+# archive where -ltavlo would pick the shared library.
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+cflags=$(pkg-config --cflags tavlo) || fail "pkg-config --cflags tavlo"
+libs=$(pkg-config --libs tavlo) || fail "pkg-config --libs tavlo"
+static_libs=$(pkg-config --static --libs tavlo) || fail "pkg-config --static --libs tavlo"
+for dependency in -lcurl -lplist-2.0 -luuid -pthread; do
+  case " $static_libs " in
+    *" $dependency "*) ;;
+    *) fail "pkg-config --static --libs tavlo lacks $dependency: $static_libs" ;;
+  esac
+done
+static_libs=$(printf '%s' "$static_libs" | sed 's/-ltavlo\( \|$\)/-l:libtavlo.a\1/')
+# shellcheck disable=SC2086 # the flags are lists of words
+"$cxx" -std=c++20 $flags $cflags "$consumer/main.cpp" -o "$work/pkg-config-shared" $libs \
+  || fail "the consumer does not build with pkg-config --libs"
+# shellcheck disable=SC2086
+"$cxx" -std=c++20 $flags $cflags "$consumer/main.cpp" -o "$work/pkg-config-static" $static_libs \
+  || fail "the consumer does not build with pkg-config --static --libs"
+
+# Run them all, keeping the library's files out of the user's home.
+for program in cmake/consumer_shared cmake/consumer_static pkg-config-shared pkg-config-static; do
+  if ! output=$(XDG_DATA_HOME="$work/data" LD_LIBRARY_PATH="$libdir" "$work/$program" 2>"$work/run.log"); then
+    fail "$program exits with an error: $output $(cat "$work/run.log")"
+  fi
+  case "$output" in
+    *"consumer: OK"*) ;;
+    *) fail "$program printed: $output" ;;
+  esac
+  needs_shared=no
+  if readelf -d "$work/$program" | grep -q 'NEEDED.*libtavlo\.so'; then needs_shared=yes; fi
+  case "$program:$needs_shared" in
+    *shared:yes | *static:no) ;;
+    *) fail "$program: linked against libtavlo.so: $needs_shared" ;;
+  esac
+  echo "$program: $output"
+done
+echo "consumer builds and runs through CMake and pkg-config: OK"
