@@ -1,4 +1,4 @@
-// What a queue file holds, and what is wrong with it, for the queue inspector.
+// What a queue file holds, and what is wrong with it, as tavlo-queue reports it.
 #pragma once
 
 #include <memory>
@@ -43,7 +43,7 @@ class TavloQueueReport {
   /// A listing for people, headed by `name` and the summary. Every string from the file
   /// is quoted and escaped (TavloPrintable). Problems are not part of it.
   std::string text(const std::string& name) const;
-  /// The same, problems included, as one JSON object (see the queue inspector's usage).
+  /// The same, problems included, as one JSON object (see tavlo-queue --help).
   std::string json(const std::string& name) const;
 
  private:

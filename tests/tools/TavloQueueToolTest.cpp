@@ -1,4 +1,4 @@
-// The queue inspector's pieces: escaping for terminals and JSON, dates, the checks it
+// The pieces of tavlo-queue: escaping for terminals and JSON, dates, the checks it
 // adds to the library's reader, and the queue location it shares with the agent.
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ struct EscapeCase {
   std::string printable;  // TavloPrintable
 };
 
-TEST(TavloQueueInspectorText, EscapesEveryStringForJsonAndForTerminals) {
+TEST(TavloQueueToolText, EscapesEveryStringForJsonAndForTerminals) {
   using namespace std::string_literals;
   const std::vector<EscapeCase> cases = {
       {"empty", "", R"("")", R"("")"},
@@ -57,7 +57,7 @@ TEST(TavloQueueInspectorText, EscapesEveryStringForJsonAndForTerminals) {
   }
 }
 
-TEST(TavloQueueInspectorText, ShowsDatesAsUTCWithinFourDigitYears) {
+TEST(TavloQueueToolText, ShowsDatesAsUTCWithinFourDigitYears) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const double infinity = std::numeric_limits<double>::infinity();
   const std::vector<std::pair<double, std::optional<std::string>>> cases = {
@@ -84,7 +84,7 @@ TEST(TavloQueueInspectorText, ShowsDatesAsUTCWithinFourDigitYears) {
   EXPECT_EQ("1e+300", TavloShortestNumber(1e300));
 }
 
-TEST(TavloQueueInspectorJson, PutsCommasAndIndentationAndWritesNullForWhatJsonCannotHold) {
+TEST(TavloQueueToolJson, PutsCommasAndIndentationAndWritesNullForWhatJsonCannotHold) {
   TavloJsonWriter json;
   json.beginObject().key("a").beginArray().endArray().key("b").beginObject().endObject();
   json.key("c").beginArray().integer(-1).stringOrNull(std::nullopt).stringOrNull(std::string()).number(NAN);
@@ -118,7 +118,7 @@ struct ReportCase {
   std::vector<std::string> problems;
 };
 
-TEST(TavloQueueInspectorReport, FindsWhatTheAgentWouldSilentlyDrop) {
+TEST(TavloQueueToolReport, FindsWhatTheAgentWouldSilentlyDrop) {
   const std::vector<ReportCase> cases = {
       {"sound", {soundRequest(), TavloClearCache::make()}, {}},
       {"empty queue", {}, {}},
@@ -150,7 +150,7 @@ TEST(TavloQueueInspectorReport, FindsWhatTheAgentWouldSilentlyDrop) {
   }
 }
 
-TEST(TavloQueueInspectorReport, RefusesWhatIsNotAQueueAndSaysWhy) {
+TEST(TavloQueueToolReport, RefusesWhatIsNotAQueueAndSaysWhy) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"", "empty archive"},
       {"bplist00", "damaged binary property list: too short"},
@@ -166,7 +166,7 @@ TEST(TavloQueueInspectorReport, RefusesWhatIsNotAQueueAndSaysWhy) {
   }
 }
 
-TEST(TavloQueueInspectorReport, ListsDatesOutsideTheCalendarByTheirNumber) {
+TEST(TavloQueueToolReport, ListsDatesOutsideTheCalendarByTheirNumber) {
   auto request = changed([](TavloRequest& r) { r.setLastFail(-1e300); });
   const TavloQueueReport report = TavloQueueReport::fromData(TavloKeyedArchiver::archivedDataWithRootArray({request}));
   EXPECT_NE(std::string::npos, report.text("q").find("last fail       outside years 1 to 9999 (-1e+300)\n"))
@@ -176,7 +176,7 @@ TEST(TavloQueueInspectorReport, ListsDatesOutsideTheCalendarByTheirNumber) {
       << report.json("q");
 }
 
-TEST(TavloQueueInspectorLocation, NamesTheFileTheAgentUses) {
+TEST(TavloQueueToolLocation, NamesTheFileTheAgentUses) {
   const std::vector<TavloString> names = {"MyApp", "caf\xC3\xA9", "a/b", "tab\there", "", ".", "..", std::nullopt};
   for (const TavloString& name : names) {
     TavloTestPlatform test = TavloMakeTestPlatform();
