@@ -1,0 +1,243 @@
+// Measures the playing of one medium by one media player.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tavlo/TavloExport.h"
+#include "tavlo/TavloStreamingConfig.h"
+#include "tavlo/TavloStreamingTaggerDelegate.h"
+#include "tavlo/TavloTagger.h"
+#include "tavlo/TavloTypes.h"
+#include "tavlo/platform/TavloPlatform.h"
+
+class TavloAgent;
+class TavloNotificationCenter;
+class TavloReachability;
+class TavloRequest;
+class TavloTaggerID;
+class TavloTimer;
+
+/// Where a streaming tagger's positions come from. Stored as given; any other value
+/// behaves as TavloStreamingTypeNoPosition.
+enum TavloStreamingType : uint64_t {
+  /// The delegate is asked for the position (at events notified without one, and once
+  /// a second while the medium is open).
+  TavloStreamingTypeDelegatePosition = 0,
+  /// Positions come only from the application's notifyEvent(event, position).
+  TavloStreamingTypeNoPosition = 1,
+  /// As TavloStreamingTypeNoPosition, and the very first pause the tagger is told of
+  /// (ever, across stops) is taken as a stop: for players whose first pause ends a
+  /// live programme.
+  TavloStreamingTypeFirstPauseStops = 2,
+};
+
+/// What the media player did. The values are sent on the wire through "cmsPS" codes.
+enum TavloStreamingEvent : uint64_t {
+  TavloStreamingEventPlay = 0,   // playing starts or resumes
+  TavloStreamingEventPause = 1,  // playing is paused
+  TavloStreamingEventStop = 2,   // playing ends; the tagger starts afresh
+  /// The tagger's state before its first event and after each stop. Never accepted
+  /// from the application.
+  TavloStreamingEventNone = 3,
+};
+
+/// The position that means "not known": notifyEvent(event, TavloStreamingTaggerUnknownLocation)
+/// records no position.
+inline constexpr int32_t TavloStreamingTaggerUnknownLocation = -1;
+
+/// Follows one media player through play, pause and stop, and sends a hit for each
+/// accepted event plus polling hits while the medium is open (10, 20, 40 and 60 seconds
+/// after the first play, then every 60 seconds), each carrying the medium's description,
+/// the player's position and a rank that numbers the hits of one playing from 1.
+///
+/// Events follow one rule: play may come first or after a pause; pause only after a
+/// play; stop after a play or a pause; an event equal to the last one is ignored. A
+/// stop sends its hit at once, renews the authorisation session, and returns the tagger
+/// to its first state, so one tagger can measure its medium again. Play and pause hits
+/// are throttled: after one is sent, the next second only keeps the latest event, sent
+/// when the second ends unless it reports the state already sent.
+///
+/// Sending modes: TavloSendingModeLive (the default) sends every hit as it happens;
+/// TavloSendingModeTimestamped sends time-stamped hits and no play or polling hits;
+/// while the network cannot be reached the tagger sends as TavloSendingModeDisconnected,
+/// which behaves as timestamped. getCurrentMode() answers the mode in force.
+///
+/// Ownership: the application makes a tagger per medium with TavloStreamingTaggerWithSerial
+/// and keeps it as long as it measures that medium; the library registers it nowhere.
+/// Releasing it stops its timers at once; no final hit is sent (notify a stop first).
+///
+/// Threads: every member may be called from any thread. Timers fire on the library's
+/// main queue (TavloPlatform::mainQueue). The tagger's state is guarded by its own
+/// mutex, `stateProtector`, which is never held while the tagger calls the agent, the
+/// delegate, the configuration callback, the logger or the log sink; it may be held
+/// while arming or stopping a timer on the main queue, which never calls back in place.
+/// Hits reach the agent in the order of their ranks, whichever thread made them.
+///
+/// Failures are never reported to the caller. A blank serial or media name gives a
+/// tagger that never sends (and an error line in the log); refused events are dropped.
+class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger, public std::enable_shared_from_this<TavloStreamingTagger> {
+ public:
+  /// Called once, during creation, to describe the medium.
+  using ConfigurationBlock = std::function<void(TavloStreamingConfig& config)>;
+
+  /// A new tagger for the medium `mediaName` of the measurement account `serial`; never
+  /// null. `mediaVolume` ("cmsSD"), `mediaURL` ("cmsME") and `mediaLength` ("cmsDU") are
+  /// sent as given. `configurationBlock`, when given, is called once before this returns.
+  ///
+  /// A serial or media name that is absent or made of blanks only gives a tagger whose
+  /// canSend() is false: it logs "Init streaming tag failed : serial is mandatory" (or
+  /// "... : mediaName is mandatory"), skips the configuration callback, and never sends.
+  /// Otherwise both are kept exactly as given, blanks included.
+  static std::shared_ptr<TavloStreamingTagger> TavloStreamingTaggerWithSerial(
+      TavloString serial, TavloString mediaName, int64_t mediaVolume, TavloString mediaURL, int64_t mediaLength,
+      TavloStreamingType streamingType, ConfigurationBlock configurationBlock = nullptr);
+
+  /// The same on a given agent, for platform shims and tests. A null agent gives a tagger
+  /// that never sends.
+  static std::shared_ptr<TavloStreamingTagger> TavloStreamingTaggerWithSerial(
+      const std::shared_ptr<TavloAgent>& agent, TavloString serial, TavloString mediaName, int64_t mediaVolume,
+      TavloString mediaURL, int64_t mediaLength, TavloStreamingType streamingType,
+      ConfigurationBlock configurationBlock = nullptr);
+
+  ~TavloStreamingTagger() override;
+
+  // Events.
+
+  /// Notifies `event` with the delegate's position when the streaming type is
+  /// TavloStreamingTypeDelegatePosition and the delegate supplies one; otherwise with no
+  /// position. The delegate is called on this thread.
+  void notifyEvent(TavloStreamingEvent event);
+  /// Notifies `event` at `position` (TavloStreamingTaggerUnknownLocation: not known).
+  /// A refused event changes nothing, except that a first pause of a
+  /// TavloStreamingTypeFirstPauseStops tagger is used up even when refused. While the
+  /// serial's cached authorisation refuses streaming hits, events stop polling and
+  /// send nothing. An event other than play, pause or stop is logged and ignored.
+  void notifyEvent(TavloStreamingEvent event, int64_t position);
+
+  // The medium.
+
+  TavloStreamingType streamingType() const { return streamingType_; }
+  /// The classification levels from the configuration callback.
+  TavloString level1() const { return level1_; }
+  TavloString level2() const { return level2_; }
+  TavloString level3() const { return level3_; }
+  TavloString level4() const { return level4_; }
+  TavloString level5() const { return level5_; }
+
+  /// Name ("cmsSN", never cut) and address ("cmsME") of the medium. The setters ignore
+  /// an absent or empty value: a medium always keeps a name.
+  TavloString mediaName() const;
+  void setMediaName(const TavloString& mediaName);
+  TavloString mediaURL() const;
+  void setMediaURL(const TavloString& mediaURL);
+  /// Genre ("cmsGR") and provider ("dom"); an absent or empty value removes them from hits.
+  TavloString mediaGenre() const;
+  void setMediaGenre(TavloString mediaGenre);
+  TavloString mediaProvider() const;
+  void setMediaProvider(TavloString mediaProvider);
+  int64_t mediaVolume() const;
+  void setMediaVolume(int64_t mediaVolume);
+  int64_t mediaLength() const;
+  void setMediaLength(int64_t mediaLength);
+
+  /// The position supplier, held weakly (null once the application let go of it).
+  std::shared_ptr<TavloStreamingTaggerDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate);
+
+  // Sending.
+
+  /// The mode the application chose (TavloSendingModeLive unless it chose another).
+  TavloSendingMode sendingMode() const;
+  /// Chooses the mode, and reads the network state afresh. Ignored on a tagger that
+  /// cannot send; a value other than 0, 1 or 2 is logged and ignored.
+  void setSendingMode(TavloSendingMode sendingMode);
+  /// The mode hits are made in now: TavloSendingModeDisconnected while the network
+  /// cannot be reached, else sendingMode().
+  TavloSendingMode getCurrentMode() const;
+
+  /// This tagger's identity: its serial, a partial identifier of its own, streaming.
+  /// Null on a tagger that cannot send.
+  const std::shared_ptr<TavloTaggerID>& taggerID() const { return taggerID_; }
+
+ private:
+  struct Setup;
+  struct HitEnvironment;
+  struct PendingLine;
+  using PendingLines = std::vector<PendingLine>;
+
+  explicit TavloStreamingTagger(Setup&& setup);
+  // A tagger that never sends, for unusable arguments.
+  static std::shared_ptr<TavloStreamingTagger> rejected(const std::shared_ptr<TavloAgent>& agent,
+                                                        const char* message);
+  // Starts following the network. Called once, by the factory, once shared ownership exists.
+  void start();
+  void reachabilityStatusChanged();
+
+  // Everything a hit takes from outside the tagger, gathered before stateProtector is taken.
+  HitEnvironment environment(TavloAgent& agent) const;
+  bool accessRefusesStreaming(TavloAgent& agent) const;
+  std::optional<int64_t> positionFromDelegate();
+  // Writes what the locked sections collected, in order, once the lock is released.
+  void emit(const PendingLines& lines) const;
+  // Hands the ranked hits waiting in `outbox_` to the agent, in rank order, without a lock held.
+  void drainOutbox(TavloAgent& agent);
+
+  // Timer operations, on the main queue.
+  void poll(const std::shared_ptr<TavloTimer>& timer);
+  void handleThrottledEvent(const std::shared_ptr<TavloTimer>& timer);
+
+  // REQUIRES: stateProtector held, for all of these.
+  bool authorizedEventLocked(TavloStreamingEvent event) const;
+  TavloSendingMode currentModeLocked() const;
+  uint64_t TavloStreamingEventToIntegerValueLocked(uint64_t event) const;
+  std::shared_ptr<TavloRequest> generateRequestLocked(const std::string& eventType, uint64_t event,
+                                                      const HitEnvironment& environment, PendingLines& lines);
+  void addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request);
+  void recordPositionLocked(int64_t position);
+  void startPollingLocked();
+  void stopPollingLocked();
+  void resetTaggerLocked();
+
+  const std::weak_ptr<TavloAgent> agent_;
+  const TavloPlatform platform_;
+  const std::shared_ptr<TavloNotificationCenter> center_;
+  const std::shared_ptr<TavloTaggerID> taggerID_;
+  const TavloStreamingType streamingType_;
+  const TavloString level1_;
+  const TavloString level2_;
+  const TavloString level3_;
+  const TavloString level4_;
+  const TavloString level5_;
+  std::shared_ptr<TavloReachability> reachability_;  // set once by start()
+  uint64_t reachabilityObserver_ = 0;                // set once by start()
+
+  mutable std::mutex stateProtector;
+  std::shared_ptr<TavloTimer> timer_;                         // guarded by stateProtector; the polling timer
+  bool disconnectedMode_ = false;                             // guarded by stateProtector
+  uint64_t lastEvent_ = TavloStreamingEventNone;              // guarded by stateProtector
+  bool hasBeenPaused_ = false;                                // guarded by stateProtector; never cleared
+  uint64_t numberOfPolls_ = 0;                                // guarded by stateProtector
+  int64_t rank_ = 0;                                          // guarded by stateProtector
+  TavloString mediaName_;                                     // guarded by stateProtector
+  TavloString mediaGenre_;                                    // guarded by stateProtector
+  TavloString mediaProvider_;                                 // guarded by stateProtector
+  TavloString mediaURL_;                                      // guarded by stateProtector
+  int64_t mediaVolume_ = 0;                                   // guarded by stateProtector
+  int64_t mediaLength_ = 0;                                   // guarded by stateProtector
+  std::weak_ptr<TavloStreamingTaggerDelegate> delegate_;      // guarded by stateProtector
+  TavloSendingMode sendingMode_ = TavloSendingModeLive;       // guarded by stateProtector
+  std::optional<int64_t> positionFromPolling_;                // guarded by stateProtector
+  std::vector<int64_t> positions_;                            // guarded by stateProtector; oldest first
+  std::shared_ptr<TavloRequest> lastSentRequest_;             // guarded by stateProtector
+  std::shared_ptr<TavloRequest> lastThrottledRequest_;        // guarded by stateProtector
+  std::shared_ptr<TavloTimer> timerThrottle_;                 // guarded by stateProtector
+  std::deque<std::shared_ptr<TavloRequest>> outbox_;          // guarded by stateProtector; ranked, not handed over yet
+  bool draining_ = false;                                     // guarded by stateProtector
+};

@@ -1,0 +1,600 @@
+#include "tavlo/TavloStreamingTagger.h"
+
+#include <algorithm>
+#include <exception>
+#include <string_view>
+
+#include "agent/TavloAgent.h"
+#include "platform/TavloLogger.h"
+#include "platform/TavloNotificationCenter.h"
+#include "platform/TavloReachability.h"
+#include "request/TavloRequest.h"
+#include "streaming/TavloTimer.h"
+#include "tagging/TavloTaggerID.h"
+#include "tavlo/TavloAudienceTagger.h"
+
+namespace {
+
+constexpr std::size_t kLevelLengthLimit = 256;
+const char* const kFreeLevelKeys[TavloTagger::kNewLevelCount] = {"ml1", "ml2", "ml3", "ml4",  "ml5", "ml6",
+                                                                 "ml7", "ml8", "ml9", "ml10", "ml11"};
+constexpr double kPollingInterval = 1.0;
+constexpr double kThrottlePeriod = 1.0;
+// Only the last two positions ever reach a hit. A box that plays for days would otherwise
+// grow the history for ever, so it is cut back to the last one at this length.
+constexpr std::size_t kPositionHistoryLimit = 100;
+constexpr const char* kDumpRule = "------------------------------";
+
+// The parameter rule shared by both taggers: absent or empty values are left out and
+// limits count UTF-16 code units.
+void addParam(const TavloString& value, const std::string& key, TavloParameters& dictionary, std::size_t limit = 0) {
+  TavloAudienceTagger::addParam(value, key, &dictionary, limit);
+}
+
+bool isBlankOnly(const TavloString& text) {
+  return !text || std::all_of(text->begin(), text->end(), [](char c) { return c == ' '; });
+}
+
+const char* eventName(uint64_t event) {
+  switch (event) {
+    case TavloStreamingEventPlay:
+      return "play";
+    case TavloStreamingEventPause:
+      return "pause";
+    case TavloStreamingEventStop:
+      return "stop";
+    default:
+      return "none";
+  }
+}
+
+// Polling hits fall 10, 20 and 40 seconds after polling began, then on every whole minute.
+bool pollingHitDue(uint64_t seconds) {
+  if (seconds <= 40) return seconds == 10 || seconds == 20 || seconds == 40;
+  return seconds % 60 == 0;
+}
+
+// The version's major part: "5" of "5.4.5".
+std::string majorVersion(const std::string& version) { return version.substr(0, version.find('.')); }
+
+}  // namespace
+
+// What the factory hands the constructor.
+struct TavloStreamingTagger::Setup {
+  std::shared_ptr<TavloAgent> agent;
+  std::shared_ptr<TavloTaggerID> taggerID;
+  TavloString serial;
+  TavloString mediaName;
+  int64_t mediaVolume = 0;
+  TavloString mediaURL;
+  int64_t mediaLength = 0;
+  TavloStreamingType streamingType = TavloStreamingTypeDelegatePosition;
+  TavloStreamingConfig config;
+  bool canSend = false;
+};
+
+struct TavloStreamingTagger::HitEnvironment {
+  std::shared_ptr<const TavloParameters> defaults;
+  std::string model;
+  bool useIDFA = false;
+  TavloString did;
+  TavloDate now = 0;
+};
+
+// A log line waiting for the lock to be released: through the logger, or, for the
+// parameter dump, straight to the log sink whatever the threshold.
+struct TavloStreamingTagger::PendingLine {
+  std::string text;
+  int64_t mode = TavloLoggingModeInfo;
+  bool direct = false;
+};
+
+TavloStreamingTagger::TavloStreamingTagger(Setup&& setup)
+    : TavloTagger(setup.canSend ? setup.serial : std::nullopt,
+                  setup.canSend ? setup.config.customerData() : std::nullopt),
+      agent_(setup.agent),
+      platform_(setup.agent ? setup.agent->platform() : TavloPlatform{}),
+      center_(setup.agent ? setup.agent->notificationCenter() : nullptr),
+      taggerID_(setup.canSend ? std::move(setup.taggerID) : nullptr),
+      streamingType_(setup.canSend ? setup.streamingType : TavloStreamingTypeDelegatePosition),
+      level1_(setup.config.level1()),
+      level2_(setup.config.level2()),
+      level3_(setup.config.level3()),
+      level4_(setup.config.level4()),
+      level5_(setup.config.level5()),
+      mediaName_(std::move(setup.mediaName)),
+      mediaGenre_(setup.config.mediaGenre()),
+      mediaProvider_(setup.config.mediaProvider()),
+      mediaURL_(std::move(setup.mediaURL)),
+      mediaVolume_(setup.mediaVolume),
+      mediaLength_(setup.mediaLength) {
+  positions_.reserve(kPositionHistoryLimit);
+  setCanSend(setup.canSend);
+}
+
+TavloStreamingTagger::~TavloStreamingTagger() {
+  if (reachability_) reachability_->stopNotifier();
+  if (center_ && reachabilityObserver_ != 0) center_->removeObserver(reachabilityObserver_);
+  std::lock_guard lock(stateProtector);
+  stopPollingLocked();
+  if (timerThrottle_) timerThrottle_->invalidate();
+  timerThrottle_.reset();
+}
+
+std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTaggerWithSerial(
+    TavloString serial, TavloString mediaName, int64_t mediaVolume, TavloString mediaURL, int64_t mediaLength,
+    TavloStreamingType streamingType, ConfigurationBlock configurationBlock) {
+  return TavloStreamingTaggerWithSerial(TavloAgent::sharedAgent(), std::move(serial), std::move(mediaName),
+                                        mediaVolume, std::move(mediaURL), mediaLength, streamingType,
+                                        std::move(configurationBlock));
+}
+
+std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTaggerWithSerial(
+    const std::shared_ptr<TavloAgent>& agent, TavloString serial, TavloString mediaName, int64_t mediaVolume,
+    TavloString mediaURL, int64_t mediaLength, TavloStreamingType streamingType,
+    ConfigurationBlock configurationBlock) {
+  if (!agent) return rejected(agent, "Init streaming tag failed : no agent to send hits through");
+  auto taggerID = std::make_shared<TavloTaggerID>(serial, static_cast<int64_t>(agent->getPartialID()), true);
+  if (isBlankOnly(serial)) return rejected(agent, "Init streaming tag failed : serial is mandatory");
+  if (isBlankOnly(mediaName)) return rejected(agent, "Init streaming tag failed : mediaName is mandatory");
+
+  Setup setup;
+  if (configurationBlock) {
+    try {
+      configurationBlock(setup.config);
+    } catch (...) {
+      // Measurement goes on with what the callback set before it failed.
+      TavloLogger::log("TavloStreamingTagger - The configuration callback threw: the medium is measured with what "
+                       "it set before",
+                       TavloLoggingModeError);
+    }
+  }
+  setup.agent = agent;
+  setup.taggerID = std::move(taggerID);
+  setup.serial = std::move(serial);
+  setup.mediaName = std::move(mediaName);
+  setup.mediaVolume = mediaVolume;
+  setup.mediaURL = std::move(mediaURL);
+  setup.mediaLength = mediaLength;
+  setup.streamingType = streamingType;
+  setup.canSend = true;
+  std::shared_ptr<TavloStreamingTagger> tagger(new TavloStreamingTagger(std::move(setup)));
+  tagger->start();
+  return tagger;
+}
+
+std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::rejected(const std::shared_ptr<TavloAgent>& agent,
+                                                                     const char* message) {
+  TavloLogger::log(message, TavloLoggingModeError);
+  Setup setup;
+  setup.agent = agent;
+  return std::shared_ptr<TavloStreamingTagger>(new TavloStreamingTagger(std::move(setup)));
+}
+
+void TavloStreamingTagger::start() {
+  reachability_ = TavloReachability::reachabilityForInternetConnection(platform_, center_);
+  reachabilityStatusChanged();
+  if (!center_) return;
+  reachabilityObserver_ = center_->addObserver(
+      std::string(kTavloReachabilityChangedNotification),
+      [weakSelf = weak_from_this()](const std::string&, const void*) {
+        if (const auto self = weakSelf.lock()) self->reachabilityStatusChanged();
+      });
+  if (reachability_) reachability_->startNotifier();
+}
+
+void TavloStreamingTagger::reachabilityStatusChanged() {
+  // Without a monitor the network state is unknown: hits are then made as disconnected
+  // ones, time-stamped, which stay right whenever they are finally sent.
+  const bool reachable = reachability_ && reachability_->isReachable();
+  std::lock_guard lock(stateProtector);
+  disconnectedMode_ = !reachable;
+}
+
+// Properties.
+
+TavloString TavloStreamingTagger::mediaName() const {
+  std::lock_guard lock(stateProtector);
+  return mediaName_;
+}
+
+void TavloStreamingTagger::setMediaName(const TavloString& mediaName) {
+  if (!mediaName || mediaName->empty()) return;
+  std::lock_guard lock(stateProtector);
+  mediaName_ = mediaName;
+}
+
+TavloString TavloStreamingTagger::mediaURL() const {
+  std::lock_guard lock(stateProtector);
+  return mediaURL_;
+}
+
+void TavloStreamingTagger::setMediaURL(const TavloString& mediaURL) {
+  if (!mediaURL || mediaURL->empty()) return;
+  std::lock_guard lock(stateProtector);
+  mediaURL_ = mediaURL;
+}
+
+TavloString TavloStreamingTagger::mediaGenre() const {
+  std::lock_guard lock(stateProtector);
+  return mediaGenre_;
+}
+
+void TavloStreamingTagger::setMediaGenre(TavloString mediaGenre) {
+  std::lock_guard lock(stateProtector);
+  mediaGenre_ = std::move(mediaGenre);
+}
+
+TavloString TavloStreamingTagger::mediaProvider() const {
+  std::lock_guard lock(stateProtector);
+  return mediaProvider_;
+}
+
+void TavloStreamingTagger::setMediaProvider(TavloString mediaProvider) {
+  std::lock_guard lock(stateProtector);
+  mediaProvider_ = std::move(mediaProvider);
+}
+
+int64_t TavloStreamingTagger::mediaVolume() const {
+  std::lock_guard lock(stateProtector);
+  return mediaVolume_;
+}
+
+void TavloStreamingTagger::setMediaVolume(int64_t mediaVolume) {
+  std::lock_guard lock(stateProtector);
+  mediaVolume_ = mediaVolume;
+}
+
+int64_t TavloStreamingTagger::mediaLength() const {
+  std::lock_guard lock(stateProtector);
+  return mediaLength_;
+}
+
+void TavloStreamingTagger::setMediaLength(int64_t mediaLength) {
+  std::lock_guard lock(stateProtector);
+  mediaLength_ = mediaLength;
+}
+
+std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::delegate() const {
+  std::lock_guard lock(stateProtector);
+  return delegate_.lock();
+}
+
+void TavloStreamingTagger::setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate) {
+  std::lock_guard lock(stateProtector);
+  delegate_ = std::move(delegate);
+}
+
+TavloSendingMode TavloStreamingTagger::sendingMode() const {
+  std::lock_guard lock(stateProtector);
+  return sendingMode_;
+}
+
+void TavloStreamingTagger::setSendingMode(TavloSendingMode sendingMode) {
+  if (!canSend()) return;
+  if (sendingMode != TavloSendingModeTimestamped && sendingMode != TavloSendingModeLive &&
+      sendingMode != TavloSendingModeDisconnected) {
+    TavloLogger::log("TavloStreamingTagger - Sending mode " + std::to_string(static_cast<int64_t>(sendingMode)) +
+                         " is not 0, 1 or 2: the mode stays " + std::to_string(static_cast<int64_t>(this->sendingMode())),
+                     TavloLoggingModeError);
+    return;
+  }
+  {
+    std::lock_guard lock(stateProtector);
+    sendingMode_ = sendingMode;
+  }
+  reachabilityStatusChanged();
+}
+
+TavloSendingMode TavloStreamingTagger::getCurrentMode() const {
+  std::lock_guard lock(stateProtector);
+  return currentModeLocked();
+}
+
+TavloSendingMode TavloStreamingTagger::currentModeLocked() const {
+  return disconnectedMode_ ? TavloSendingModeDisconnected : sendingMode_;
+}
+
+// Events.
+
+void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event) {
+  int64_t position = TavloStreamingTaggerUnknownLocation;
+  if (streamingType_ == TavloStreamingTypeDelegatePosition) position = positionFromDelegate().value_or(position);
+  notifyEvent(event, position);
+}
+
+void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t position) {
+  if (!canSend()) return;
+  if (event != TavloStreamingEventPlay && event != TavloStreamingEventPause && event != TavloStreamingEventStop) {
+    TavloLogger::log("TavloStreamingTagger - Event " + std::to_string(static_cast<uint64_t>(event)) +
+                         " is not play (0), pause (1) or stop (2): ignored",
+                     TavloLoggingModeError);
+    return;
+  }
+  const std::shared_ptr<TavloAgent> agent = agent_.lock();
+  if (!agent) return;
+  const bool refused = accessRefusesStreaming(*agent);
+  // Gathered before the lock, so the lock is never held while the agent works.
+  const HitEnvironment environment = refused ? HitEnvironment{} : this->environment(*agent);
+
+  PendingLines lines;
+  {
+    std::lock_guard lock(stateProtector);
+    if (refused) {
+      stopPollingLocked();
+      return;
+    }
+    uint64_t accepted = event;
+    if (accepted == TavloStreamingEventPause) {
+      // Spent on the first pause even when that pause is refused: only the very first
+      // pause a first-pause-stops tagger hears of ends its programme.
+      if (streamingType_ == TavloStreamingTypeFirstPauseStops && !hasBeenPaused_) accepted = TavloStreamingEventStop;
+      hasBeenPaused_ = true;
+    }
+    if (!authorizedEventLocked(static_cast<TavloStreamingEvent>(accepted))) {
+      lines.push_back({std::string("TavloStreamingTagger - Event ") + eventName(accepted) + " refused after " +
+                           eventName(lastEvent_),
+                       TavloLoggingModeInfo});
+    } else {
+      lastEvent_ = accepted;
+      if (position != TavloStreamingTaggerUnknownLocation) recordPositionLocked(position);
+      const bool makesHit = accepted != TavloStreamingEventPlay || currentModeLocked() == TavloSendingModeLive;
+      if (makesHit) {
+        const auto request = generateRequestLocked("state", accepted, environment, lines);
+        if (accepted == TavloStreamingEventStop) {
+          request->setShouldRenewSessionAfter(true);
+          addRequestToAgentLocked(request);
+          resetTaggerLocked();
+        } else if (lastSentRequest_) {
+          lines.push_back({"TavloStreamingTagger - Throttle request", TavloLoggingModeWarning});
+          lastThrottledRequest_ = request;
+        } else {
+          addRequestToAgentLocked(request);
+          lastSentRequest_ = request;
+          timerThrottle_ = TavloTimer::TavloTimerWithInterval(platform_.mainQueue, kThrottlePeriod, weak_from_this(),
+                                                              &TavloStreamingTagger::handleThrottledEvent, false);
+        }
+      }
+      if (accepted != TavloStreamingEventStop) startPollingLocked();
+    }
+  }
+  emit(lines);
+  drainOutbox(*agent);
+}
+
+bool TavloStreamingTagger::authorizedEventLocked(TavloStreamingEvent event) const {
+  if (event == lastEvent_) return false;
+  switch (event) {
+    case TavloStreamingEventPlay:
+      return true;
+    case TavloStreamingEventStop:
+      return lastEvent_ == TavloStreamingEventPlay || lastEvent_ == TavloStreamingEventPause;
+    case TavloStreamingEventPause:
+      return lastEvent_ == TavloStreamingEventPlay;
+    default:
+      return false;
+  }
+}
+
+uint64_t TavloStreamingTagger::TavloStreamingEventToIntegerValueLocked(uint64_t event) const {
+  // Outside live mode the collection server takes every event as a plain audience
+  // signal, code 5.
+  if (currentModeLocked() != TavloSendingModeLive) return 5;
+  switch (event) {
+    case TavloStreamingEventPlay:
+      return 5;
+    case TavloStreamingEventPause:
+      return 7;
+    default:
+      return 12;
+  }
+}
+
+void TavloStreamingTagger::recordPositionLocked(int64_t position) {
+  if (positions_.size() >= kPositionHistoryLimit) positions_.erase(positions_.begin(), positions_.end() - 1);
+  positions_.push_back(position);
+}
+
+// Hits.
+
+TavloStreamingTagger::HitEnvironment TavloStreamingTagger::environment(TavloAgent& agent) const {
+  HitEnvironment environment;
+  environment.defaults = agent.defaultParametersForRequest();
+  environment.model = platform_.deviceInfo ? platform_.deviceInfo->model() : std::string();
+  environment.useIDFA = useIDFA();
+  if (environment.useIDFA) environment.did = agent.appleDID();
+  environment.now = platform_.clock ? platform_.clock->now() : 0;
+  return environment;
+}
+
+bool TavloStreamingTagger::accessRefusesStreaming(TavloAgent& agent) const {
+  const std::shared_ptr<TavloAuth> cached = agent.authManager()->authFromCacheForTagger(*taggerID_);
+  return cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeStreaming));
+}
+
+std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const std::string& eventType, uint64_t event,
+                                                                          const HitEnvironment& environment,
+                                                                          PendingLines& lines) {
+  TavloParameters parameters = environment.defaults ? *environment.defaults : TavloParameters{};
+  const std::size_t count = positions_.size();
+  int64_t current = count >= 1 ? positions_.back() : 0;
+  if (event == TavloStreamingEventStop && !(count >= 1 && positions_.back() > 0)) {
+    // A player often reports 0 at its stop: the last position polled says more.
+    current = positionFromPolling_.value_or(0);
+  }
+  const int64_t previous = count >= 2 ? positions_[count - 2] : 0;
+
+  addParam(eventType, "cmsEV", parameters);
+  addParam(std::to_string(current), "cmsPO", parameters);
+  addParam(std::to_string(previous), "cmsOP", parameters);
+  addParam(std::to_string(TavloStreamingEventToIntegerValueLocked(event)), "cmsPS", parameters);
+  addParam(majorVersion(TavloAgent::TavloVersion()), "cmsMV", parameters);
+  addParam(std::to_string(mediaVolume_), "cmsSD", parameters);
+  addParam(std::to_string(mediaLength_), "cmsDU", parameters);
+  addParam(environment.model, "cmsPL", parameters);
+  if (environment.useIDFA) addParam(environment.did, "did", parameters);
+
+  lines.push_back({kDumpRule, TavloLoggingModeInfo, true});
+  lines.push_back({std::to_string(environment.useIDFA ? 1 : 0) + " " + TavloParametersDescription(&parameters),
+                   TavloLoggingModeInfo, true});
+  lines.push_back({kDumpRule, TavloLoggingModeInfo, true});
+
+  addParam(mediaProvider_, "dom", parameters);
+  addParam(mediaName_, "cmsSN", parameters);
+  addParam(mediaGenre_, "cmsGR", parameters);
+  addParam(mediaURL_, "cmsME", parameters);
+  // Levels 1 and 3 cross over on purpose: the collection server reads "cmsS1" as the third.
+  addParam(level3_, "cmsS1", parameters);
+  addParam(level2_, "cmsS2", parameters);
+  addParam(level1_, "cmsS3", parameters);
+  addParam(level4_, "cmsS4", parameters);
+  addParam(level5_, "cmsS5", parameters);
+  addParam(customerData(), "crmid", parameters);
+  for (int level = 1; level <= kNewLevelCount; ++level) {
+    addParam(newLevel(level), kFreeLevelKeys[level - 1], parameters, kLevelLengthLimit);
+  }
+  addParam(mediaContentId(), "msCid", parameters, kLevelLengthLimit);
+  addParam(mediaDiffMode(), "msDm", parameters, kLevelLengthLimit);
+  addParam(mediaChannel(), "msCh", parameters, kLevelLengthLimit);
+  addParam(netMeasurement(), "miCh", parameters, kLevelLengthLimit);
+
+  return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
+                                                  TavloRequestTypeStreaming, currentModeLocked(), serial(), taggerID_,
+                                                  environment.now);
+}
+
+void TavloStreamingTagger::addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request) {
+  request->setTheRank(++rank_);
+  outbox_.push_back(request);
+}
+
+void TavloStreamingTagger::drainOutbox(TavloAgent& agent) {
+  std::unique_lock lock(stateProtector);
+  // One thread hands hits over at a time, so ranks reach the agent in order; another
+  // thread finding it busy leaves its hits to it.
+  if (draining_) return;
+  draining_ = true;
+  while (!outbox_.empty()) {
+    const std::shared_ptr<TavloRequest> request = std::move(outbox_.front());
+    outbox_.pop_front();
+    lock.unlock();
+    agent.addRequestToQueue(request);
+    lock.lock();
+  }
+  draining_ = false;
+}
+
+void TavloStreamingTagger::resetTaggerLocked() {
+  if (timerThrottle_) timerThrottle_->invalidate();
+  stopPollingLocked();
+  lastSentRequest_.reset();
+  lastThrottledRequest_.reset();
+  positionFromPolling_.reset();
+  positions_.clear();
+  numberOfPolls_ = 0;
+  lastEvent_ = TavloStreamingEventNone;
+  rank_ = 0;
+}
+
+void TavloStreamingTagger::emit(const PendingLines& lines) const {
+  for (const PendingLine& line : lines) {
+    if (!line.direct) {
+      TavloLogger::log(line.text, line.mode);
+    } else if (platform_.logSink) {
+      platform_.logSink->writeLine(line.text);
+    }
+  }
+}
+
+std::optional<int64_t> TavloStreamingTagger::positionFromDelegate() {
+  const std::shared_ptr<TavloStreamingTaggerDelegate> delegate = this->delegate();
+  if (!delegate) return std::nullopt;
+  try {
+    return delegate->currentPositionForStreamingTagger(*this);
+  } catch (...) {
+    TavloLogger::log("TavloStreamingTagger - The delegate failed to give the current position: it is taken as unknown",
+                     TavloLoggingModeWarning);
+    return std::nullopt;
+  }
+}
+
+// Polling and throttling.
+
+void TavloStreamingTagger::startPollingLocked() {
+  if (timer_) return;
+  timer_ = TavloTimer::TavloTimerWithInterval(platform_.mainQueue, kPollingInterval, weak_from_this(),
+                                              &TavloStreamingTagger::poll, true);
+}
+
+void TavloStreamingTagger::stopPollingLocked() {
+  if (!timer_) return;
+  timer_->invalidate();
+  timer_.reset();
+}
+
+void TavloStreamingTagger::poll(const std::shared_ptr<TavloTimer>& timer) {
+  uint64_t seconds = 0;
+  bool live = false;
+  {
+    std::lock_guard lock(stateProtector);
+    if (timer != timer_) return;  // a late firing of a timer stopped meanwhile
+    seconds = ++numberOfPolls_;
+    live = currentModeLocked() == TavloSendingModeLive;
+  }
+  const bool asksDelegate = streamingType_ == TavloStreamingTypeDelegatePosition;
+  const std::optional<int64_t> polled = asksDelegate ? positionFromDelegate() : std::nullopt;
+  const bool due = live && pollingHitDue(seconds);
+
+  const std::shared_ptr<TavloAgent> agent = due ? agent_.lock() : nullptr;
+  const bool refused = agent && accessRefusesStreaming(*agent);
+  std::optional<int64_t> current;
+  HitEnvironment environment;
+  if (agent && !refused) {
+    if (asksDelegate) current = positionFromDelegate();
+    environment = this->environment(*agent);
+  }
+
+  PendingLines lines;
+  {
+    std::lock_guard lock(stateProtector);
+    if (timer != timer_) return;  // stopped while the delegate or the agent answered
+    if (polled && *polled >= 1) positionFromPolling_ = polled;
+    if (!agent) return;
+    if (refused) {
+      stopPollingLocked();
+      return;
+    }
+    if (current && *current > 0) recordPositionLocked(*current);
+    lines.push_back({"TavloStreamingTagger - Polling at " + std::to_string(seconds) + " sec - Generating request",
+                     TavloLoggingModeInfo});
+    // A poll during a pause carries the pause's code: the server sees the medium paused.
+    addRequestToAgentLocked(generateRequestLocked("polling", lastEvent_, environment, lines));
+  }
+  emit(lines);
+  drainOutbox(*agent);
+}
+
+void TavloStreamingTagger::handleThrottledEvent(const std::shared_ptr<TavloTimer>& timer) {
+  PendingLines lines;
+  {
+    std::lock_guard lock(stateProtector);
+    if (timer != timerThrottle_) return;
+    if (lastThrottledRequest_) {
+      const auto code = [](const std::shared_ptr<TavloRequest>& request) -> TavloString {
+        const auto parameters = request ? request->parameters() : nullptr;
+        if (!parameters) return std::nullopt;
+        const auto found = parameters->find("cmsPS");
+        return found == parameters->end() ? TavloString() : TavloString(found->second);
+      };
+      // A burst that ends in the state already reported adds nothing.
+      if (code(lastThrottledRequest_) != code(lastSentRequest_)) {
+        lines.push_back({"TavloStreamingTagger - Throttled request sent", TavloLoggingModeWarning});
+        addRequestToAgentLocked(lastThrottledRequest_);
+      }
+    }
+    lastSentRequest_.reset();
+    lastThrottledRequest_.reset();
+  }
+  emit(lines);
+  if (const auto agent = agent_.lock()) drainOutbox(*agent);
+}
