@@ -1,5 +1,7 @@
-// Runs the audience example against an in-process server and checks what arrived:
-//   tavlo_example_check EXAMPLE_BINARY
+// Runs an example against an in-process server and checks what arrived:
+//   tavlo_example_check EXAMPLE_BINARY [HIT_COUNT USER_AGENT]
+// By default, the audience example's 3 hits and user agent. Hits that carry a rank
+// ("cmsRK", streaming hits) must arrive ranked 1, 2, 3, ...
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -13,10 +15,12 @@
 extern char** environ;
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s EXAMPLE_BINARY\n", argv[0]);
+  if (argc != 2 && argc != 4) {
+    std::fprintf(stderr, "usage: %s EXAMPLE_BINARY [HIT_COUNT USER_AGENT]\n", argv[0]);
     return 2;
   }
+  const int expectedHits = argc == 4 ? std::atoi(argv[2]) : 3;
+  const std::string userAgent = argc == 4 ? argv[3] : "TavloAudienceExample/1.0 Tavlo SDK v5.4.5 apple tv";
   TavloTemporaryDirectory home;
   setenv("XDG_DATA_HOME", home.path().c_str(), 1);  // the example's queue file and device id go here
 
@@ -44,16 +48,21 @@ int main(int argc, char** argv) {
     if (request.path == "/m/web/example-serial") {
       ++hits;
       if (request.query.find("crmid=viewer-42") == std::string::npos ||
-          request.header("User-Agent") != "TavloAudienceExample/1.0 Tavlo SDK v5.4.5 apple tv") {
+          request.header("User-Agent") != userAgent) {
         std::fprintf(stderr, "FAIL: unexpected hit %s\n", request.target.c_str());
+        return 1;
+      }
+      const size_t rank = request.query.find("cmsRK=");
+      if (rank != std::string::npos && std::atoi(request.query.c_str() + rank + 6) != hits) {
+        std::fprintf(stderr, "FAIL: hit %d arrived with the wrong rank: %s\n", hits, request.target.c_str());
         return 1;
       }
     }
   }
-  if (hits != 3) {
-    std::fprintf(stderr, "FAIL: %d hits arrived, 3 expected\n", hits);
+  if (hits != expectedHits) {
+    std::fprintf(stderr, "FAIL: %d hits arrived, %d expected\n", hits, expectedHits);
     return 1;
   }
-  std::printf("the example's 3 hits arrived\n");
+  std::printf("the example's %d hits arrived\n", hits);
   return 0;
 }
