@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "TavloQueueLocation.h"
+#include "agent/TavloQueueLocation.h"
 #include "TavloQueueReport.h"
 #include "platform/TavloPosixFileSystem.h"
 #include "tavlo/TavloVersion.h"

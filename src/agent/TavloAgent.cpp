@@ -5,6 +5,7 @@
 #include <cmath>
 #include <future>
 
+#include "agent/TavloQueueLocation.h"
 #include "platform/TavloLogger.h"
 #include "request/TavloClearCache.h"
 #include "request/TavloKeyedArchiver.h"
@@ -17,16 +18,6 @@ namespace {
 constexpr size_t kMaximumQueueLength = 500;
 constexpr double kRetryInterval = 60;
 constexpr double kSendTimeout = 10;
-
-// A folder name made from the application's name: two applications never share a queue.
-std::string applicationFolder(const TavloString& bundleName) {
-  std::string name = bundleName.value_or("");
-  for (char& c : name) {
-    if (c == '/' || static_cast<unsigned char>(c) < 0x20) c = '_';
-  }
-  if (name.empty() || name == "." || name == "..") name = "unnamed-application";
-  return name;
-}
 
 struct CivilDay {
   int64_t year;
@@ -142,10 +133,9 @@ uint64_t TavloAgent::getPartialID() {
 }
 
 std::string TavloAgent::requestsFilePath() {
-  const std::string folder = platform_.files->dataDirectory() + "/" +
-                             applicationFolder(platform_.deviceInfo->bundleName()) + "/TavloCache";
-  platform_.files->createDirectories(folder, 0700);
-  return folder + "/requests.ser";
+  const std::string path = TavloQueueFilePath(platform_.files->dataDirectory(), platform_.deviceInfo->bundleName());
+  platform_.files->createDirectories(path.substr(0, path.rfind('/')), 0700);
+  return path;
 }
 
 void TavloAgent::loadRequests() {

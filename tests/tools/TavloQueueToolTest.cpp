@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "TavloJsonWriter.h"
-#include "TavloQueueLocation.h"
+#include "agent/TavloQueueLocation.h"
 #include "TavloQueueReport.h"
 #include "TavloToolText.h"
 #include "agent/TavloAgent.h"
@@ -177,12 +177,16 @@ TEST(TavloQueueToolReport, ListsDatesOutsideTheCalendarByTheirNumber) {
 }
 
 TEST(TavloQueueToolLocation, NamesTheFileTheAgentUses) {
-  const std::vector<TavloString> names = {"MyApp", "caf\xC3\xA9", "a/b", "tab\there", "", ".", "..", std::nullopt};
-  for (const TavloString& name : names) {
+  const std::pair<TavloString, const char*> cases[] = {
+      {"MyApp", "MyApp"},   {"caf\xC3\xA9", "caf\xC3\xA9"}, {"a/b", "a_b"},
+      {"tab\there", "tab_here"}, {"", "unnamed-application"}, {".", "unnamed-application"},
+      {"..", "unnamed-application"}, {std::nullopt, "unnamed-application"},
+  };
+  for (const auto& [name, folder] : cases) {
     TavloTestPlatform test = TavloMakeTestPlatform();
     test.deviceInfo->bundleNameValue = name;
     auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
-    EXPECT_EQ(agent->requestsFilePath(), TavloQueueFilePath(test.files->dataDirectory(), name))
+    EXPECT_EQ(test.files->dataDirectory() + "/" + folder + "/TavloCache/requests.ser", agent->requestsFilePath())
         << name.value_or("(nil)");
     agent->shutdown();
   }

@@ -1,4 +1,4 @@
-#include "TavloQueueLocation.h"
+#include "agent/TavloQueueLocation.h"
 
 std::string TavloQueueApplicationFolder(const TavloString& applicationName) {
   std::string name = applicationName.value_or("");

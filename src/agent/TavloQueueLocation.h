@@ -7,8 +7,8 @@
 
 /// The folder the agent names after an application: its name with "/" and control
 /// characters replaced by "_", or "unnamed-application" for a nil, empty, "." or ".."
-/// name (an application that never said its name). Kept in step with the agent's own
-/// rule; a test compares the two.
+/// name (an application that never said its name), so two applications never share a
+/// queue. The agent and tavlo-queue both use it.
 std::string TavloQueueApplicationFolder(const TavloString& applicationName);
 
 /// `dataDirectory`/<application folder>/TavloCache/requests.ser.
