@@ -21,9 +21,7 @@
 
 namespace {
 
-constexpr auto kGenerousTimeout = std::chrono::seconds(20);
-
-// Everything the queue's thread reports back, guarded by one mutex.
+// What the queue's thread reports back; also serves as a gate one side waits at.
 class Journal {
  public:
   void record(const std::string& entry) {
@@ -36,7 +34,7 @@ class Journal {
   // Waits until `count` entries are in; answers whether they came in time.
   bool waitForCount(size_t count) {
     std::unique_lock<std::mutex> lock(protector);
-    return changed.wait_for(lock, kGenerousTimeout, [&] { return entries.size() >= count; });
+    return changed.wait_for(lock, std::chrono::seconds(20), [&] { return entries.size() >= count; });
   }
   std::vector<std::string> all() {
     std::lock_guard<std::mutex> lock(protector);
@@ -49,49 +47,22 @@ class Journal {
   std::vector<std::string> entries;
 };
 
-// A one-way gate a task can wait at.
-class Gate {
- public:
-  void open() {
-    {
-      std::lock_guard<std::mutex> lock(protector);
-      isOpen = true;
-    }
-    opened.notify_all();
-  }
-  bool waitOpen() {
-    std::unique_lock<std::mutex> lock(protector);
-    return opened.wait_for(lock, kGenerousTimeout, [&] { return isOpen; });
-  }
-
- private:
-  std::mutex protector;
-  std::condition_variable opened;
-  bool isOpen = false;
-};
-
-using TavloMainLoopQueue_ = TavloLoggingTest;
-
 TEST(TavloMainLoopQueueTest, StartsItsThreadOnlyWhenGivenWork) {
+  const TavloPlatform platform = TavloPlatform::linuxDefaults();
+  auto* platformQueue = dynamic_cast<TavloMainLoopQueue*>(platform.mainQueue.get());
+  ASSERT_NE(nullptr, platformQueue) << "the Linux default main queue is the library thread";
+  EXPECT_FALSE(platformQueue->TEST_isRunning()) << "building the default platform must start no thread";
+
   Journal journal;
   TavloMainLoopQueue queue;
-  EXPECT_FALSE(queue.TEST_isRunning()) << "a new queue must not start a thread";
   queue.cancel(42);
   EXPECT_FALSE(queue.isCurrent());
   queue.post(nullptr);
   EXPECT_EQ(0u, queue.schedule(1, false, nullptr)) << "an empty task gets no timer";
   EXPECT_FALSE(queue.TEST_isRunning()) << "cancel, isCurrent and empty work must not start the thread";
-
   queue.post([&] { journal.record("ran"); });
   EXPECT_TRUE(queue.TEST_isRunning());
   ASSERT_TRUE(journal.waitForCount(1));
-}
-
-TEST(TavloMainLoopQueueTest, BuildingTheDefaultPlatformStartsNoThread) {
-  const TavloPlatform platform = TavloPlatform::linuxDefaults();
-  auto* queue = dynamic_cast<TavloMainLoopQueue*>(platform.mainQueue.get());
-  ASSERT_NE(nullptr, queue) << "the Linux default main queue is the library thread";
-  EXPECT_FALSE(queue->TEST_isRunning());
 }
 
 TEST(TavloMainLoopQueueTest, RunsTasksInOrderOnItsOwnThread) {
@@ -100,7 +71,9 @@ TEST(TavloMainLoopQueueTest, RunsTasksInOrderOnItsOwnThread) {
   std::thread::id firstThread;
   std::atomic<bool> sameThread{true};
   TavloMainLoopQueue queue;
+  std::vector<std::string> expected;
   for (int i = 0; i < 50; ++i) {
+    expected.push_back(std::to_string(i));
     queue.post([&, i] {
       if (queue.isCurrent()) ++currentInside;
       if (i == 0) firstThread = std::this_thread::get_id();
@@ -109,10 +82,8 @@ TEST(TavloMainLoopQueueTest, RunsTasksInOrderOnItsOwnThread) {
       if (i == 49) queue.post([&] { journal.record("posted from a task"); });
     });
   }
-  ASSERT_TRUE(journal.waitForCount(51));
-  std::vector<std::string> expected;
-  for (int i = 0; i < 50; ++i) expected.push_back(std::to_string(i));
   expected.push_back("posted from a task");
+  ASSERT_TRUE(journal.waitForCount(51));
   EXPECT_EQ(expected, journal.all());
   EXPECT_EQ(50, currentInside.load()) << "isCurrent must be true inside every task";
   EXPECT_TRUE(sameThread.load()) << "every task must run on the one queue thread";
@@ -120,23 +91,29 @@ TEST(TavloMainLoopQueueTest, RunsTasksInOrderOnItsOwnThread) {
   EXPECT_FALSE(queue.isCurrent()) << "the test's thread is not the queue";
 }
 
-TEST(TavloMainLoopQueueTest, TimersFireByDeadlineNotBySchedulingOrder) {
+TEST(TavloMainLoopQueueTest, TimersFireByDeadlineAndCancelledOnesNever) {
   Journal journal;
   TavloMainLoopQueue queue;
   queue.schedule(0.3, false, [&] { journal.record("late"); });
   queue.schedule(0.01, false, [&] { journal.record("early"); });
+  const TavloTimerID doomed = queue.schedule(0.02, false, [&] { journal.record("cancelled timer fired"); });
+  const TavloTimerID repeating = queue.schedule(0.001, true, [&] { journal.record("cancelled repeating timer fired"); });
+  EXPECT_NE(doomed, repeating);
+  queue.cancel(doomed);
+  queue.cancel(repeating);
+  queue.cancel(doomed);  // twice is harmless
   ASSERT_TRUE(journal.waitForCount(2));
   EXPECT_EQ((std::vector<std::string>{"early", "late"}), journal.all());
 }
 
 TEST(TavloMainLoopQueueTest, RepeatingTimerCancelledFromItsOwnTaskStopsFiring) {
   Journal journal;
+  Journal armed;
   std::atomic<int> firings{0};
   std::atomic<TavloTimerID> timer{0};
-  Gate armed;
   TavloMainLoopQueue queue;
   timer = queue.schedule(0.001, true, [&] {
-    armed.waitOpen();  // the identifier is stored before the task may need it
+    armed.waitForCount(1);  // the identifier is stored before the task may need it
     if (++firings == 3) {
       queue.cancel(timer);
       // Scheduled after the cancel: had the 1 ms timer survived, it would fire many
@@ -144,37 +121,20 @@ TEST(TavloMainLoopQueueTest, RepeatingTimerCancelledFromItsOwnTaskStopsFiring) {
       queue.schedule(0.05, false, [&] { journal.record("later"); });
     }
   });
-  armed.open();
+  armed.record("armed");
   ASSERT_TRUE(journal.waitForCount(1));
   EXPECT_EQ(3, firings.load()) << "a timer cancelled by its own task must not fire again";
 }
 
-TEST(TavloMainLoopQueueTest, CancelledTimerNeverFires) {
-  Journal journal;
-  TavloMainLoopQueue queue;
-  const TavloTimerID doomed = queue.schedule(0.02, false, [&] { journal.record("cancelled timer fired"); });
-  const TavloTimerID repeating = queue.schedule(0.001, true, [&] { journal.record("cancelled repeating timer fired"); });
-  queue.cancel(doomed);
-  queue.cancel(repeating);
-  queue.cancel(doomed);  // twice is harmless
-  queue.schedule(0.1, false, [&] { journal.record("kept"); });
-  ASSERT_TRUE(journal.waitForCount(1));
-  EXPECT_EQ(std::vector<std::string>{"kept"}, journal.all());
-  EXPECT_NE(doomed, repeating);
-}
-
 TEST(TavloMainLoopQueueTest, TasksThatKeepPostingDoNotStarveTimers) {
   std::atomic<bool> fired{false};
-  std::atomic<long> rounds{0};
+  long rounds = 0;
   Journal journal;
   std::function<void()> spin;
   TavloMainLoopQueue queue;
   queue.schedule(0.005, false, [&] { fired = true; });
   spin = [&] {
-    if (fired || ++rounds > 50'000'000) {
-      journal.record("stopped");
-      return;
-    }
+    if (fired || ++rounds > 50'000'000) return journal.record("stopped");
     queue.post(spin);
   };
   queue.post(spin);
@@ -182,7 +142,9 @@ TEST(TavloMainLoopQueueTest, TasksThatKeepPostingDoNotStarveTimers) {
   EXPECT_TRUE(fired.load()) << "the timer never ran while tasks kept coming";
 }
 
-TEST_F(TavloMainLoopQueue_, TaskThatThrowsIsLoggedAndTheQueueGoesOn) {
+using TavloMainLoopQueueLogging = TavloLoggingTest;
+
+TEST_F(TavloMainLoopQueueLogging, TaskThatThrowsIsLoggedAndTheQueueGoesOn) {
   Journal journal;
   TavloMainLoopQueue queue;
   queue.post([] { throw std::runtime_error("disk on fire"); });
@@ -195,57 +157,45 @@ TEST_F(TavloMainLoopQueue_, TaskThatThrowsIsLoggedAndTheQueueGoesOn) {
   EXPECT_TRUE(test.logSink->contains("(timer broke)"));
 }
 
-TEST(TavloMainLoopQueueTest, DestructorReturnsPromptlyAndDropsWorkNotDue) {
+TEST(TavloMainLoopQueueTest, DestructorWaitsForTheRunningTaskButNotForWorkNotDue) {
   Journal journal;
+  Journal released;
   auto queue = std::make_unique<TavloMainLoopQueue>();
-  Gate released;
   queue->post([&] {
     journal.record("started");
-    released.waitOpen();
+    released.waitForCount(1);
     journal.record("running task finished");
   });
   queue->schedule(3600, false, [&] { journal.record("hour timer ran"); });
   ASSERT_TRUE(journal.waitForCount(1));
-  // Destroy while the first task runs: the destructor waits for it, not for the timer.
   std::thread destroyer([&] { queue.reset(); });
-  released.open();
+  released.record("go");
   destroyer.join();
   EXPECT_EQ((std::vector<std::string>{"started", "running task finished"}), journal.all());
 }
 
 TEST(TavloMainLoopQueueTest, LastOwnerLettingGoFromATaskDoesNotJoinItself) {
   auto holder = std::make_shared<std::shared_ptr<TavloMainLoopQueue>>(std::make_shared<TavloMainLoopQueue>());
-  TavloMainLoopQueue* queue = holder->get();
   // Shared with the task: the detached thread may still be using them after the test.
   auto journal = std::make_shared<Journal>();
-  auto posted = std::make_shared<Gate>();
-  queue->post([holder, journal, posted] {
-    posted->waitOpen();
+  auto posted = std::make_shared<Journal>();
+  (*holder)->post([holder, journal, posted] {
+    posted->waitForCount(1);
     holder->reset();  // destroys the queue on its own thread
     journal->record("released");
   });
-  posted->open();
+  posted->record("posted");
   ASSERT_TRUE(journal->waitForCount(1)) << "destroying the queue from its own task must not deadlock";
 }
 
 TEST(TavloMainLoopQueueTest, EffectiveIntervalKeepsTimersSane) {
-  struct Case {
-    double asked;
-    double used;
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  const std::pair<double, double> cases[] = {
+      {0.5, 0.5},   {120, 120},       {0, 0.0001},      {-5, 0.0001},      {1e-9, 0.0001},
+      {inf, 1e9},   {1e300, 1e9},     {-inf, 0.0001},   {std::nan(""), 0.0001},
   };
-  const Case cases[] = {
-      {0.5, 0.5},
-      {120, 120},
-      {0, 0.0001},
-      {-5, 0.0001},
-      {1e-9, 0.0001},
-      {std::numeric_limits<double>::quiet_NaN(), 0.0001},
-      {-std::numeric_limits<double>::infinity(), 0.0001},
-      {std::numeric_limits<double>::infinity(), 1e9},
-      {1e300, 1e9},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.used, TavloMainLoopQueue::effectiveInterval(c.asked)) << "interval " << c.asked;
+  for (const auto& [asked, used] : cases) {
+    EXPECT_EQ(used, TavloMainLoopQueue::effectiveInterval(asked)) << "interval " << asked;
   }
 }
 

@@ -41,72 +41,60 @@ class TavloNotificationCenterTest : public ::testing::Test {
   const int senderB = 0;
 };
 
-TEST_F(TavloNotificationCenterTest, DeliversToObserversOfTheNameInRegistrationOrderFromAnySender) {
+TEST_F(TavloNotificationCenterTest, DeliversToTheNamesObserversInRegistrationOrderUntilRemoved) {
   observe("changed", "first");
   observe("other", "unrelated");
-  observe("changed", "second");
-
-  center.postNotification("changed", &senderA);
-  center.postNotification("changed", &senderB);
-  center.postNotification("changed", nullptr);
-  center.postNotification("nobody listens", &senderA);
-
-  const std::vector<Delivery> expected = {
-      {"first", "changed", &senderA}, {"second", "changed", &senderA}, {"first", "changed", &senderB},
-      {"second", "changed", &senderB}, {"first", "changed", nullptr},  {"second", "changed", nullptr},
-  };
-  EXPECT_EQ(expected, deliveries);
-}
-
-TEST_F(TavloNotificationCenterTest, RemovedObserversAreNotCalledAndOddTokensAreIgnored) {
   const TavloObserverToken gone = observe("changed", "gone");
-  observe("changed", "kept");
+  observe("changed", "second");
+  EXPECT_EQ(0u, center.addObserver("changed", nullptr)) << "an empty observer is refused";
   center.removeObserver(gone);
   center.removeObserver(gone);
   center.removeObserver(0);
   center.removeObserver(123456);
-  EXPECT_EQ(0u, center.addObserver("changed", nullptr)) << "an empty observer is refused";
 
   center.postNotification("changed", &senderA);
-  EXPECT_EQ((std::vector<Delivery>{{"kept", "changed", &senderA}}), deliveries);
-  EXPECT_EQ(1u, center.TEST_observerCount("changed"));
+  center.postNotification("changed", nullptr);
+  center.postNotification("nobody listens", &senderB);
+  const std::vector<Delivery> expected = {
+      {"first", "changed", &senderA}, {"second", "changed", &senderA},
+      {"first", "changed", nullptr},  {"second", "changed", nullptr},
+  };
+  EXPECT_EQ(expected, deliveries);
+  EXPECT_EQ(2u, center.TEST_observerCount("changed"));
 }
 
-TEST_F(TavloNotificationCenterTest, ChangesMadeDuringADeliveryApplyAsDocumented) {
+TEST(TavloNotificationCenterDefault, IsOneProcessWideCentreAndTheNameIsFixed) {
+  ASSERT_NE(nullptr, TavloNotificationCenter::defaultCenter());
+  EXPECT_EQ(TavloNotificationCenter::defaultCenter(), TavloNotificationCenter::defaultCenter());
+  EXPECT_EQ("kTavloReachabilityChangedNotification", kTavloReachabilityChangedNotification);
+}
+
+TEST_F(TavloNotificationCenterTest, ChangesMadeDuringADeliveryApplyFromTheNextOne) {
   TavloObserverToken later = 0;
   TavloObserverToken self = 0;
   int selfCalls = 0;
-  center.addObserver("changed", [&](const std::string&, const void*) {
-    deliveries.push_back({"remover", "changed", nullptr});
-    center.removeObserver(later);                   // not yet called in this delivery
-    observe("changed", "added during delivery");    // not called in this delivery
+  center.addObserver("changed", [&](const std::string&, const void* sender) {
+    deliveries.push_back({"remover", "changed", sender});
+    center.removeObserver(later);                 // not yet called in this delivery
+    observe("changed", "added during delivery");  // not called in this delivery
+    center.postNotification("inner", sender);     // delivered at once, inside this one
   });
   self = center.addObserver("changed", [&](const std::string&, const void*) {
     ++selfCalls;
     center.removeObserver(self);  // must not wait for itself
   });
   later = observe("changed", "removed before its turn");
+  observe("inner", "inner");
 
-  center.postNotification("changed", nullptr);
-  EXPECT_EQ((std::vector<Delivery>{{"remover", "changed", nullptr}}), deliveries);
+  center.postNotification("changed", &senderA);
+  EXPECT_EQ((std::vector<Delivery>{{"remover", "changed", &senderA}, {"inner", "inner", &senderA}}), deliveries);
   EXPECT_EQ(1, selfCalls);
 
   deliveries.clear();
   center.postNotification("changed", nullptr);
   EXPECT_EQ(1, selfCalls) << "an observer that removed itself was called again";
-  ASSERT_EQ(2u, deliveries.size());
-  EXPECT_EQ("added during delivery", deliveries[1].observer);
-}
-
-TEST_F(TavloNotificationCenterTest, ObserversMayPostFromInsideAnObserver) {
-  center.addObserver("outer", [&](const std::string&, const void* sender) {
-    deliveries.push_back({"outer", "outer", sender});
-    center.postNotification("inner", sender);
-  });
-  observe("inner", "inner");
-  center.postNotification("outer", &senderA);
-  const std::vector<Delivery> expected = {{"outer", "outer", &senderA}, {"inner", "inner", &senderA}};
-  EXPECT_EQ(expected, deliveries);
+  ASSERT_EQ(3u, deliveries.size());
+  EXPECT_EQ("added during delivery", deliveries[2].observer);
 }
 
 TEST(TavloNotificationCenterThreads, RemovalWaitsForACallRunningOnAnotherThread) {
@@ -116,7 +104,6 @@ TEST(TavloNotificationCenterThreads, RemovalWaitsForACallRunningOnAnotherThread)
   bool entered = false;
   bool release = false;
   std::vector<std::string> order;
-
   const TavloObserverToken token = center.addObserver("slow", [&](const std::string&, const void*) {
     std::unique_lock<std::mutex> lock(protector);
     entered = true;
@@ -151,7 +138,7 @@ TEST(TavloNotificationCenterThreads, RemovalWaitsForACallRunningOnAnotherThread)
   EXPECT_EQ((std::vector<std::string>{"observer finished", "removeObserver returned"}), order);
 }
 
-TEST(TavloNotificationCenterThreads, NoCallAfterRemovalReturnsUnderConcurrentPosting) {
+TEST(TavloNotificationCenterThreads, NoCallStartsAfterRemovalReturnsUnderConcurrentPosting) {
   TavloNotificationCenter center;
   std::atomic<bool> removed{false};
   std::atomic<int> lateCalls{0};
@@ -170,13 +157,10 @@ TEST(TavloNotificationCenterThreads, NoCallAfterRemovalReturnsUnderConcurrentPos
   while (calls < 1000) std::this_thread::yield();
   center.removeObserver(token);
   removed = true;
-  const int callsAtRemoval = calls;
-  while (center.TEST_observerCount("busy") != 0) std::this_thread::yield();
   for (int i = 0; i < 1000; ++i) center.postNotification("busy", nullptr);
   stop = true;
   for (auto& poster : posters) poster.join();
   EXPECT_EQ(0, lateCalls.load()) << "an observer was called after removeObserver returned";
-  EXPECT_EQ(callsAtRemoval, calls.load());
 }
 
 using TavloNotificationCenterLogging = TavloLoggingTest;
@@ -189,13 +173,6 @@ TEST_F(TavloNotificationCenterLogging, ObserverThatThrowsIsLoggedAndTheOthersSti
   center.postNotification("changed", nullptr);
   EXPECT_TRUE(heard);
   EXPECT_TRUE(test.logSink->contains("(ERROR) : An observer of changed threw (bad observer)"));
-}
-
-TEST(TavloNotificationCenterDefault, IsOneProcessWideCentreAndTheNameIsFixed) {
-  auto center = TavloNotificationCenter::defaultCenter();
-  ASSERT_NE(nullptr, center);
-  EXPECT_EQ(center, TavloNotificationCenter::defaultCenter());
-  EXPECT_EQ("kTavloReachabilityChangedNotification", kTavloReachabilityChangedNotification);
 }
 
 }  // namespace
