@@ -18,8 +18,7 @@ const std::string header(TavloFileSecureStore::itemHeader);
 
 unsigned modeOf(const std::string& path) {
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return 0xFFFFFFFF;
-  return status.st_mode & 07777;
+  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0xFFFFFFFF;
 }
 
 // Real files, but writes can be made to fail as a full disk would make them.
@@ -38,6 +37,11 @@ class TavloFileSecureStoreTest : public ::testing::Test {
     std::string contents;
     EXPECT_FALSE(files->readFile(path, contents, 1 << 20)) << path;
     return contents;
+  }
+  std::string valueOf(const TavloSecureItemQuery& query) {
+    std::string value = "<absent>";
+    const int32_t status = store.copyMatching(query, &value);
+    return status == TavloSecureStoreSuccess ? value : "<status " + std::to_string(status) + ">";
   }
 
   TavloTemporaryDirectory directory;
@@ -61,6 +65,12 @@ class SecureStoreContractTest : public ::testing::TestWithParam<const char*> {
 
 TEST_P(SecureStoreContractTest, StatusesFollowWhetherTheItemIsPresent) {
   using Operation = std::function<int32_t(TavloSecureStore&)>;
+  std::string ignored;
+  const Operation copy = [&](TavloSecureStore& s) { return s.copyMatching(deviceItem, &ignored); };
+  const Operation probe = [](TavloSecureStore& s) { return s.copyMatching(deviceItem, nullptr); };
+  const Operation add = [](TavloSecureStore& s) { return s.add(deviceItem, "NEW"); };
+  const Operation update = [](TavloSecureStore& s) { return s.update(deviceItem, "NEW"); };
+  const Operation remove = [](TavloSecureStore& s) { return s.remove(deviceItem); };
   struct Case {
     const char* name;
     bool present;
@@ -68,12 +78,6 @@ TEST_P(SecureStoreContractTest, StatusesFollowWhetherTheItemIsPresent) {
     int32_t expectedStatus;
     std::optional<std::string> expectedValue;  // the item afterwards; nothing = absent
   };
-  std::string copied;
-  const Operation copy = [&](TavloSecureStore& s) { return s.copyMatching(deviceItem, &copied); };
-  const Operation probe = [](TavloSecureStore& s) { return s.copyMatching(deviceItem, nullptr); };
-  const Operation add = [](TavloSecureStore& s) { return s.add(deviceItem, "NEW"); };
-  const Operation update = [](TavloSecureStore& s) { return s.update(deviceItem, "NEW"); };
-  const Operation remove = [](TavloSecureStore& s) { return s.remove(deviceItem); };
   const Case cases[] = {
       {"copy present", true, copy, TavloSecureStoreSuccess, "OLD"},
       {"copy missing", false, copy, TavloSecureStoreItemNotFound, std::nullopt},
@@ -88,28 +92,16 @@ TEST_P(SecureStoreContractTest, StatusesFollowWhetherTheItemIsPresent) {
   };
   for (const Case& c : cases) {
     auto store = makeStore();
-    if (c.present) {
-      ASSERT_EQ(store->add(deviceItem, "OLD"), TavloSecureStoreSuccess) << c.name;
-    }
-    copied.clear();
+    ASSERT_TRUE(!c.present || store->add(deviceItem, "OLD") == TavloSecureStoreSuccess) << c.name;
     EXPECT_EQ(c.operation(*store), c.expectedStatus) << c.name;
-
     std::string value;
-    const int32_t status = store->copyMatching(deviceItem, &value);
-    if (c.expectedValue) {
-      EXPECT_EQ(status, TavloSecureStoreSuccess) << c.name;
-      EXPECT_EQ(value, *c.expectedValue) << c.name;
-    } else {
-      EXPECT_EQ(status, TavloSecureStoreItemNotFound) << c.name;
-    }
-    if (std::string(c.name) == "copy present") {
-      EXPECT_EQ(copied, "OLD") << "copy must hand out the stored value";
-    }
+    EXPECT_EQ(store->copyMatching(deviceItem, &value),
+              c.expectedValue ? TavloSecureStoreSuccess : TavloSecureStoreItemNotFound) << c.name;
+    EXPECT_EQ(value, c.expectedValue.value_or("")) << c.name;
     store->remove(deviceItem);
   }
-}
 
-TEST_P(SecureStoreContractTest, QueriesThatDifferInAnyPartNameDifferentItems) {
+  // Queries that differ in any part name different items.
   auto store = makeStore();
   const TavloSecureItemQuery queries[] = {
       {"a.b", "c", std::nullopt}, {"a", "b.c", std::nullopt}, {"a", "b", "c"},
@@ -127,7 +119,7 @@ TEST_P(SecureStoreContractTest, QueriesThatDifferInAnyPartNameDifferentItems) {
 
 INSTANTIATE_TEST_SUITE_P(FileAndMemory, SecureStoreContractTest, ::testing::Values("file", "memory"));
 
-TEST_F(TavloFileSecureStoreTest, FirstAddMakesAPrivateFolderAndAPrivateItemFile) {
+TEST_F(TavloFileSecureStoreTest, EachItemIsOnePrivateFileUnderAnEscapedNameInAPrivateFolder) {
   ASSERT_EQ(store.add(deviceItem, "5D2A1C3E-0000-4000-8000-000000000001"), TavloSecureStoreSuccess);
   const std::string path = folder + "/genp.qlvr_uuid_service.qlvr_uuid_account";
   EXPECT_EQ(store.pathFor(deviceItem), path);
@@ -135,14 +127,8 @@ TEST_F(TavloFileSecureStoreTest, FirstAddMakesAPrivateFolderAndAPrivateItemFile)
   EXPECT_EQ(modeOf(path), 0600u);
   EXPECT_EQ(readRaw(path), header + "5D2A1C3E-0000-4000-8000-000000000001");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1) << "one file per item, no leftovers";
-}
 
-TEST_F(TavloFileSecureStoreTest, ItemFileNamesEscapeEverythingThatCouldLeaveTheFolder) {
-  struct Case {
-    TavloSecureItemQuery query;
-    std::string expectedName;
-  };
-  const Case cases[] = {
+  const std::pair<TavloSecureItemQuery, std::string> names[] = {
       {{"svc", "acct", "group.shared"}, "genp.svc.acct.group%2Eshared"},
       {{"svc", "acct", ""}, "genp.svc.acct."},
       {{"../../etc", "passwd", std::nullopt}, "genp.%2E%2E%2F%2E%2E%2Fetc.passwd"},
@@ -150,14 +136,14 @@ TEST_F(TavloFileSecureStoreTest, ItemFileNamesEscapeEverythingThatCouldLeaveTheF
       {{"caf\xc3\xa9 tv", "a%b", std::nullopt}, "genp.caf%C3%A9%20tv.a%25b"},
       {{std::string("nul\0in", 6), "x", std::nullopt}, "genp.nul%00in.x"},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(store.pathFor(c.query), folder + "/" + c.expectedName) << c.expectedName;
-    ASSERT_EQ(store.add(c.query, "v"), TavloSecureStoreSuccess) << c.expectedName;
-    EXPECT_EQ(readRaw(folder + "/" + c.expectedName), header + "v") << c.expectedName;
+  for (const auto& [query, name] : names) {
+    EXPECT_EQ(store.pathFor(query), folder + "/" + name) << name;
+    ASSERT_EQ(store.add(query, "v"), TavloSecureStoreSuccess) << name;
+    EXPECT_EQ(readRaw(folder + "/" + name), header + "v") << name;
   }
 }
 
-TEST_F(TavloFileSecureStoreTest, ValuesRoundTripByteForByteUpToTheLimit) {
+TEST_F(TavloFileSecureStoreTest, ValuesRoundTripByteForByteUpToTheLimitAndNoFurther) {
   const std::string values[] = {
       "",
       std::string("\0\n\r\xff TAVLO-SECURE-ITEM 1\n", 26),
@@ -165,22 +151,16 @@ TEST_F(TavloFileSecureStoreTest, ValuesRoundTripByteForByteUpToTheLimit) {
   };
   for (const std::string& value : values) {
     ASSERT_EQ(store.add(deviceItem, value), TavloSecureStoreSuccess) << value.size();
-    std::string copied = "stale";
-    EXPECT_EQ(store.copyMatching(deviceItem, &copied), TavloSecureStoreSuccess) << value.size();
-    EXPECT_TRUE(copied == value) << "value of " << value.size() << " bytes changed on the way";
+    EXPECT_TRUE(valueOf(deviceItem) == value) << "value of " << value.size() << " bytes changed on the way";
     ASSERT_EQ(store.remove(deviceItem), TavloSecureStoreSuccess);
   }
-}
 
-TEST_F(TavloFileSecureStoreTest, OversizedValueIsRefusedAndTheOldOneKept) {
   const std::string tooLarge(TavloFileSecureStore::maxValueBytes + 1, 'x');
   EXPECT_EQ(store.add(deviceItem, tooLarge), TavloSecureStoreIOError);
   EXPECT_EQ(store.copyMatching(deviceItem, nullptr), TavloSecureStoreItemNotFound);
   ASSERT_EQ(store.add(deviceItem, "OLD"), TavloSecureStoreSuccess);
   EXPECT_EQ(store.update(deviceItem, tooLarge), TavloSecureStoreIOError);
-  std::string value;
-  EXPECT_EQ(store.copyMatching(deviceItem, &value), TavloSecureStoreSuccess);
-  EXPECT_EQ(value, "OLD");
+  EXPECT_EQ(valueOf(deviceItem), "OLD") << "a refused value must leave the old one";
 }
 
 TEST_F(TavloFileSecureStoreTest, DamagedItemIsReportedAndCanBeRepairedOrRemoved) {
@@ -193,9 +173,9 @@ TEST_F(TavloFileSecureStoreTest, DamagedItemIsReportedAndCanBeRepairedOrRemoved)
       std::string(TavloFileSecureStore::maxValueBytes + header.size() + 1, 'x'),
       header + std::string(TavloFileSecureStore::maxValueBytes + 1, 'x'),
   };
+  ASSERT_FALSE(files->createDirectories(folder, 0700));
   for (const std::string& damaged : damagedForms) {
     const std::string label = "damaged form of " + std::to_string(damaged.size()) + " bytes";
-    ASSERT_FALSE(files->createDirectories(folder, 0700));
     ASSERT_FALSE(files->writeFileAtomically(store.pathFor(deviceItem), damaged, 0600));
     std::string value = "untouched";
     EXPECT_EQ(store.copyMatching(deviceItem, &value), TavloSecureStoreDecodeError) << label;
@@ -203,10 +183,8 @@ TEST_F(TavloFileSecureStoreTest, DamagedItemIsReportedAndCanBeRepairedOrRemoved)
     EXPECT_EQ(store.copyMatching(deviceItem, nullptr), TavloSecureStoreDecodeError) << label;
     EXPECT_EQ(store.add(deviceItem, "NEW"), TavloSecureStoreDuplicateItem) << label << ": the item still exists";
     EXPECT_EQ(readRaw(store.pathFor(deviceItem)), damaged) << label << ": a refused add must not touch it";
-
     EXPECT_EQ(store.update(deviceItem, "REPAIRED"), TavloSecureStoreSuccess) << label;
-    EXPECT_EQ(store.copyMatching(deviceItem, &value), TavloSecureStoreSuccess) << label;
-    EXPECT_EQ(value, "REPAIRED") << label;
+    EXPECT_EQ(valueOf(deviceItem), "REPAIRED") << label;
 
     ASSERT_FALSE(files->writeFileAtomically(store.pathFor(deviceItem), damaged, 0600));
     EXPECT_EQ(store.remove(deviceItem), TavloSecureStoreSuccess) << label;
@@ -214,28 +192,40 @@ TEST_F(TavloFileSecureStoreTest, DamagedItemIsReportedAndCanBeRepairedOrRemoved)
   }
 }
 
-TEST_F(TavloFileSecureStoreTest, UnreadableItemIsAnIOErrorForEveryOperation) {
-  // Tests run as root, for whom file modes stop nothing; a folder where the item file
-  // should be cannot be read as one by anybody.
-  ASSERT_FALSE(files->createDirectories(store.pathFor(deviceItem), 0700));
-  std::string value = "untouched";
-  EXPECT_EQ(store.copyMatching(deviceItem, &value), TavloSecureStoreIOError);
-  EXPECT_EQ(value, "untouched");
-  EXPECT_EQ(store.copyMatching(deviceItem, nullptr), TavloSecureStoreIOError);
-  EXPECT_EQ(store.add(deviceItem, "NEW"), TavloSecureStoreIOError);
-  EXPECT_EQ(store.update(deviceItem, "NEW"), TavloSecureStoreIOError);
-  EXPECT_EQ(store.remove(deviceItem), TavloSecureStoreIOError);
-  EXPECT_TRUE(std::filesystem::is_directory(store.pathFor(deviceItem)));
-}
-
-TEST_F(TavloFileSecureStoreTest, FolderThatIsAFileIsAnIOErrorAndTheFileSurvives) {
-  ASSERT_FALSE(files->createDirectories(directory.pathFor("data/tavlo"), 0700));
-  ASSERT_FALSE(files->writeFileAtomically(folder, "someone else's file", 0600));
-  EXPECT_EQ(store.add(deviceItem, "NEW"), TavloSecureStoreIOError);
-  EXPECT_EQ(store.copyMatching(deviceItem, nullptr), TavloSecureStoreIOError);
-  EXPECT_EQ(store.update(deviceItem, "NEW"), TavloSecureStoreIOError);
-  EXPECT_EQ(store.remove(deviceItem), TavloSecureStoreIOError);
-  EXPECT_EQ(readRaw(folder), "someone else's file");
+TEST_F(TavloFileSecureStoreTest, StoreThatCannotReachItsFilesAnswersIOErrorAndTouchesNothing) {
+  struct Case {
+    const char* name;
+    std::function<void()> prepare;
+    std::shared_ptr<TavloFileSystem> files;
+    std::string folder;
+  };
+  const Case cases[] = {
+      // Tests run as root, for whom file modes stop nothing; a folder where the item
+      // file should be cannot be read as one by anybody.
+      {"the item is a folder", [&] { ASSERT_FALSE(files->createDirectories(store.pathFor(deviceItem), 0700)); }, files,
+       folder},
+      {"no home: empty folder", [] {}, files, ""},
+      {"relative folder", [] {}, files, "tavlo/secure-store"},
+      {"no file system", [] {}, nullptr, folder},
+      // Last, so that its file is still there to check after the loop.
+      {"the folder is a file", [&] { ASSERT_FALSE(files->writeFileAtomically(folder, "someone else's", 0600)); },
+       files, folder},
+  };
+  for (const Case& c : cases) {
+    std::filesystem::remove_all(folder);
+    ASSERT_FALSE(files->createDirectories(directory.pathFor("data/tavlo"), 0700));
+    c.prepare();
+    TavloFileSecureStore broken(c.files, c.folder);
+    std::string value = "untouched";
+    EXPECT_EQ(broken.copyMatching(deviceItem, &value), TavloSecureStoreIOError) << c.name;
+    EXPECT_EQ(value, "untouched") << c.name;
+    EXPECT_EQ(broken.copyMatching(deviceItem, nullptr), TavloSecureStoreIOError) << c.name;
+    EXPECT_EQ(broken.add(deviceItem, "NEW"), TavloSecureStoreIOError) << c.name;
+    EXPECT_EQ(broken.update(deviceItem, "NEW"), TavloSecureStoreIOError) << c.name;
+    EXPECT_EQ(broken.remove(deviceItem), TavloSecureStoreIOError) << c.name;
+  }
+  EXPECT_EQ(readRaw(folder), "someone else's") << "the file in the folder's place survives";
+  EXPECT_FALSE(std::filesystem::exists("tavlo")) << "a relative folder must never be created";
 }
 
 TEST_F(TavloFileSecureStoreTest, FailedWriteKeepsTheStoredValue) {
@@ -244,31 +234,8 @@ TEST_F(TavloFileSecureStoreTest, FailedWriteKeepsTheStoredValue) {
   EXPECT_EQ(store.update(deviceItem, "NEW"), TavloSecureStoreIOError);
   EXPECT_EQ(store.add({"other", "item", std::nullopt}, "NEW"), TavloSecureStoreIOError);
   files->failWrites = false;
-  std::string value;
-  EXPECT_EQ(store.copyMatching(deviceItem, &value), TavloSecureStoreSuccess);
-  EXPECT_EQ(value, "OLD");
+  EXPECT_EQ(valueOf(deviceItem), "OLD");
   EXPECT_EQ(store.copyMatching({"other", "item", std::nullopt}, nullptr), TavloSecureStoreItemNotFound);
-}
-
-TEST_F(TavloFileSecureStoreTest, StoreWithNowhereToKeepItemsAnswersIOError) {
-  struct Case {
-    const char* name;
-    std::shared_ptr<TavloFileSystem> files;
-    std::string folder;
-  };
-  const Case cases[] = {
-      {"no home: empty folder", files, ""},
-      {"relative folder", files, "tavlo/secure-store"},
-      {"no file system", nullptr, folder},
-  };
-  for (const Case& c : cases) {
-    TavloFileSecureStore broken(c.files, c.folder);
-    EXPECT_EQ(broken.add(deviceItem, "NEW"), TavloSecureStoreIOError) << c.name;
-    EXPECT_EQ(broken.copyMatching(deviceItem, nullptr), TavloSecureStoreIOError) << c.name;
-    EXPECT_EQ(broken.update(deviceItem, "NEW"), TavloSecureStoreIOError) << c.name;
-    EXPECT_EQ(broken.remove(deviceItem), TavloSecureStoreIOError) << c.name;
-  }
-  EXPECT_FALSE(std::filesystem::exists("tavlo")) << "a relative folder must never be created";
 }
 
 TEST_F(TavloFileSecureStoreTest, ConcurrentAddsOfOneItemLetExactlyOneWin) {
@@ -286,7 +253,5 @@ TEST_F(TavloFileSecureStoreTest, ConcurrentAddsOfOneItemLetExactlyOneWin) {
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(successes.load(), 1);
   EXPECT_EQ(duplicates.load(), contenders - 1);
-  std::string value;
-  EXPECT_EQ(store.copyMatching(deviceItem, &value), TavloSecureStoreSuccess);
-  EXPECT_EQ(value.rfind("value-", 0), 0u);
+  EXPECT_EQ(valueOf(deviceItem).rfind("value-", 0), 0u);
 }

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <functional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "TavloBuildConfig.h"
 #include "platform/TavloInstalledPlatform.h"
@@ -13,109 +15,62 @@
 
 namespace {
 
-// One row per seam: how to empty it in a platform and how to see which object it holds.
+// One row per seam: how to empty it in a platform and which object it holds.
 struct Seam {
   const char* name;
   std::function<void(TavloPlatform&)> clear;
   std::function<const void*(const TavloPlatform&)> held;
 };
-
+#define TAVLO_SEAM(member) \
+  Seam { #member, [](TavloPlatform& p) { p.member.reset(); }, [](const TavloPlatform& p) -> const void* { return p.member.get(); } }
 const Seam seams[] = {
-    {"clock", [](TavloPlatform& p) { p.clock.reset(); }, [](const TavloPlatform& p) -> const void* { return p.clock.get(); }},
-    {"random", [](TavloPlatform& p) { p.random.reset(); }, [](const TavloPlatform& p) -> const void* { return p.random.get(); }},
-    {"logSink", [](TavloPlatform& p) { p.logSink.reset(); }, [](const TavloPlatform& p) -> const void* { return p.logSink.get(); }},
-    {"files", [](TavloPlatform& p) { p.files.reset(); }, [](const TavloPlatform& p) -> const void* { return p.files.get(); }},
-    {"secureStore", [](TavloPlatform& p) { p.secureStore.reset(); },
-     [](const TavloPlatform& p) -> const void* { return p.secureStore.get(); }},
-    {"deviceInfo", [](TavloPlatform& p) { p.deviceInfo.reset(); },
-     [](const TavloPlatform& p) -> const void* { return p.deviceInfo.get(); }},
-    {"advertisingIdProvider", [](TavloPlatform& p) { p.advertisingIdProvider.reset(); },
-     [](const TavloPlatform& p) -> const void* { return p.advertisingIdProvider.get(); }},
-    {"mainQueue", [](TavloPlatform& p) { p.mainQueue.reset(); },
-     [](const TavloPlatform& p) -> const void* { return p.mainQueue.get(); }},
-    {"httpClient", [](TavloPlatform& p) { p.httpClient.reset(); },
-     [](const TavloPlatform& p) -> const void* { return p.httpClient.get(); }},
-    {"reachabilitySource", [](TavloPlatform& p) { p.reachabilitySource.reset(); },
-     [](const TavloPlatform& p) -> const void* { return p.reachabilitySource.get(); }},
+    TAVLO_SEAM(clock),       TAVLO_SEAM(random),     TAVLO_SEAM(logSink),
+    TAVLO_SEAM(files),       TAVLO_SEAM(secureStore), TAVLO_SEAM(deviceInfo),
+    TAVLO_SEAM(mainQueue),   TAVLO_SEAM(httpClient), TAVLO_SEAM(reachabilitySource),
+    TAVLO_SEAM(advertisingIdProvider),
 };
+#undef TAVLO_SEAM
 
 // Seams Linux has no default for (the advertising identifier), or not one wired in yet.
 bool linuxLeavesEmpty(const Seam& seam) {
-  const std::string name = seam.name;
-  return name == "advertisingIdProvider" || name == "reachabilitySource";
-}
-
-// Stand-ins that only need an identity: which object ends up where.
-class IdleQueue : public TavloMainQueue {
- public:
-  void post(std::function<void()>) override {}
-  TavloTimerID schedule(double, bool, std::function<void()>) override { return 1; }
-  void cancel(TavloTimerID) override {}
-  bool isCurrent() override { return false; }
-};
-
-class SilentHttpClient : public TavloHttpClient {
- public:
-  TavloHttpResponse get(const TavloHttpRequest&) override { return {}; }
-};
-
-class NoReachability : public TavloReachabilitySource {
- public:
-  std::shared_ptr<TavloReachabilityHandle> handleForAddress(const sockaddr_in&) override { return nullptr; }
-  std::shared_ptr<TavloReachabilityHandle> handleForHostName(const std::string&) override { return nullptr; }
-};
-
-void fillEverySeam(TavloPlatform& platform, const std::string& identifier) {
-  platform.advertisingIdProvider = std::make_shared<TavloFixedAdvertisingIdProvider>(identifier);
-  platform.mainQueue = std::make_shared<IdleQueue>();
-  platform.httpClient = std::make_shared<SilentHttpClient>();
-  platform.reachabilitySource = std::make_shared<NoReachability>();
+  return std::string(seam.name) == "advertisingIdProvider" || std::string(seam.name) == "reachabilitySource";
 }
 
 unsigned modeOf(const std::string& path) {
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return 0xFFFFFFFF;
-  return status.st_mode & 07777;
+  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0xFFFFFFFF;
 }
 
 }  // namespace
 
-TEST(TavloEndpointsTest, CompiledDefaultsAreTheConfiguredOnes) {
-  const TavloEndpoints endpoints = TavloEndpoints::compiledDefaults();
-  EXPECT_EQ(endpoints.authorisation, TAVLO_DEFAULT_AUTHORISATION_ENDPOINT);
-  EXPECT_EQ(endpoints.audienceCollection, TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT);
-  EXPECT_EQ(endpoints.streamingCollection, TAVLO_DEFAULT_STREAMING_COLLECTION_ENDPOINT);
-  EXPECT_EQ(endpoints.secondCollection, TAVLO_DEFAULT_SECOND_COLLECTION_ENDPOINT);
-  EXPECT_EQ(endpoints.audienceCollectionAddress(), std::string(TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT) + "/m/web/");
-}
-
-TEST(TavloEndpointsTest, AllAtPutsEveryEndpointAtOneBaseWithoutTrailingSlash) {
-  struct Case {
-    std::string base;
-    std::string expected;
+TEST(TavloEndpointsTest, CompiledDefaultsAndAllAtFillEachEndpoint) {
+  const auto fields = [](const TavloEndpoints& e) {
+    return std::vector<std::string>{e.authorisation, e.audienceCollection, e.streamingCollection, e.secondCollection,
+                                    e.audienceCollectionAddress()};
   };
-  const Case cases[] = {
+  EXPECT_EQ(fields(TavloEndpoints::compiledDefaults()),
+            (std::vector<std::string>{TAVLO_DEFAULT_AUTHORISATION_ENDPOINT, TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT,
+                                      TAVLO_DEFAULT_STREAMING_COLLECTION_ENDPOINT, TAVLO_DEFAULT_SECOND_COLLECTION_ENDPOINT,
+                                      TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT "/m/web/"}));
+  const std::pair<std::string, std::string> bases[] = {
       {"http://127.0.0.1:8080", "http://127.0.0.1:8080"},
       {"http://127.0.0.1:8080/", "http://127.0.0.1:8080"},
       {"http://[::1]:9//", "http://[::1]:9"},
       {"", ""},
   };
-  for (const Case& c : cases) {
-    const TavloEndpoints endpoints = TavloEndpoints::allAt(c.base);
-    EXPECT_EQ(endpoints.authorisation, c.expected) << c.base;
-    EXPECT_EQ(endpoints.audienceCollection, c.expected) << c.base;
-    EXPECT_EQ(endpoints.streamingCollection, c.expected) << c.base;
-    EXPECT_EQ(endpoints.secondCollection, c.expected) << c.base;
-    EXPECT_EQ(endpoints.audienceCollectionAddress(), c.expected + "/m/web/") << c.base;
+  for (const auto& [base, expected] : bases) {
+    EXPECT_EQ(fields(TavloEndpoints::allAt(base)),
+              (std::vector<std::string>{expected, expected, expected, expected, expected + "/m/web/"}))
+        << "base \"" << base << "\"";
   }
 }
 
-TEST(TavloPlatformTest, CompletedWithFillsOnlyTheEmptySeams) {
+TEST(TavloPlatformTest, CompletedWithFillsOnlyTheEmptySeamsAndEndpoints) {
   // Both sides hold every seam, each its own object, so any mix-up shows.
   TavloTestPlatform own = TavloMakeTestPlatform();
-  fillEverySeam(own.platform, "OWN");
+  own.platform.advertisingIdProvider = std::make_shared<TavloFixedAdvertisingIdProvider>("OWN");
   TavloTestPlatform fallback = TavloMakeTestPlatform();
-  fillEverySeam(fallback.platform, "FALLBACK");
+  fallback.platform.advertisingIdProvider = std::make_shared<TavloFixedAdvertisingIdProvider>("FALLBACK");
   for (const Seam& missing : seams) {
     TavloPlatform partial = own.platform;
     missing.clear(partial);
@@ -124,15 +79,13 @@ TEST(TavloPlatformTest, CompletedWithFillsOnlyTheEmptySeams) {
       const void* expected = (&seam == &missing) ? seam.held(fallback) : seam.held(own);
       EXPECT_EQ(seam.held(completed), expected) << seam.name << " with " << missing.name << " missing";
     }
+    EXPECT_EQ(missing.held(partial.completedWith(TavloPlatform{})), nullptr) << "an empty fallback fills nothing";
   }
-}
 
-TEST(TavloPlatformTest, CompletedWithFillsEmptyEndpointsOneByOne) {
-  TavloPlatform partial = TavloMakeTestPlatform();
+  TavloPlatform partial = own.platform;
   partial.endpoints.authorisation = "";
   partial.endpoints.secondCollection = "";
-  TavloPlatform fallback = TavloMakeTestPlatform();
-  fallback.endpoints = TavloEndpoints::allAt("https://fallback.example");
+  fallback.platform.endpoints = TavloEndpoints::allAt("https://fallback.example");
   const TavloEndpoints completed = partial.completedWith(fallback).endpoints;
   EXPECT_EQ(completed.authorisation, "https://fallback.example");
   EXPECT_EQ(completed.audienceCollection, "http://127.0.0.1:1");
@@ -140,13 +93,7 @@ TEST(TavloPlatformTest, CompletedWithFillsEmptyEndpointsOneByOne) {
   EXPECT_EQ(completed.secondCollection, "https://fallback.example");
 }
 
-TEST(TavloPlatformTest, CompletedWithAnEmptyFallbackLeavesGapsEmpty) {
-  TavloPlatform partial;
-  const TavloPlatform completed = partial.completedWith(TavloPlatform{});
-  for (const Seam& seam : seams) EXPECT_EQ(seam.held(completed), nullptr) << seam.name;
-}
-
-TEST(TavloPlatformTest, LinuxDefaultsProvideTheirSeams) {
+TEST(TavloPlatformTest, LinuxDefaultsProvideTheirSeamsAndKeepSecureItemsPrivate) {
   TavloTemporaryDirectory data;
   TavloScopedEnvironmentVariable xdg("XDG_DATA_HOME", data.path());
   TavloApplicationInfo application;
@@ -154,25 +101,17 @@ TEST(TavloPlatformTest, LinuxDefaultsProvideTheirSeams) {
   application.model = "Living Room Box";
   const TavloPlatform platform = TavloPlatform::linuxDefaults(application);
   for (const Seam& seam : seams) {
-    if (!linuxLeavesEmpty(seam)) {
-      EXPECT_NE(seam.held(platform), nullptr) << seam.name;
-    }
+    EXPECT_TRUE(linuxLeavesEmpty(seam) || seam.held(platform) != nullptr) << seam.name;
   }
   EXPECT_EQ(platform.advertisingIdProvider, nullptr) << "Linux has no advertising identifier";
   EXPECT_EQ(platform.deviceInfo->bundleName(), TavloString("Replay"));
   EXPECT_EQ(platform.deviceInfo->model(), "Living Room Box");
   EXPECT_EQ(platform.endpoints.audienceCollection, TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT);
   EXPECT_EQ(platform.files->dataDirectory(), data.path());
-}
 
-TEST(TavloPlatformTest, LinuxDefaultsKeepSecureItemsInAPrivateFolderOfTheDataDirectory) {
-  TavloTemporaryDirectory data;
-  TavloScopedEnvironmentVariable xdg("XDG_DATA_HOME", data.path());
-  const TavloPlatform platform = TavloPlatform::linuxDefaults();
   ASSERT_EQ(platform.secureStore->add({"service", "account", std::nullopt}, "secret"), TavloSecureStoreSuccess);
-  const std::string folder = data.pathFor("tavlo/secure-store");
-  EXPECT_EQ(modeOf(folder), 0700u);
-  EXPECT_EQ(modeOf(folder + "/genp.service.account"), 0600u);
+  EXPECT_EQ(modeOf(data.pathFor("tavlo/secure-store")), 0700u);
+  EXPECT_EQ(modeOf(data.pathFor("tavlo/secure-store/genp.service.account")), 0600u);
 }
 
 TEST(TavloPlatformTest, InstallCompletesThePlatformAndRoutesTheLogSink) {
@@ -189,13 +128,9 @@ TEST(TavloPlatformTest, InstallCompletesThePlatformAndRoutesTheLogSink) {
   EXPECT_EQ(installed.clock, clock);
   EXPECT_EQ(installed.endpoints.authorisation, "http://127.0.0.1:2");
   for (const Seam& seam : seams) {
-    if (!linuxLeavesEmpty(seam)) {
-      EXPECT_NE(seam.held(installed), nullptr) << seam.name;
-    }
+    EXPECT_TRUE(linuxLeavesEmpty(seam) || seam.held(installed) != nullptr) << seam.name;
   }
-  const TavloPlatform again = TavloPlatform::installed();
-  EXPECT_EQ(again.secureStore, installed.secureStore) << "the defaults that fill gaps are made once";
-
+  EXPECT_EQ(TavloPlatform::installed().secureStore, installed.secureStore) << "the defaults that fill gaps are made once";
   EXPECT_EQ(TavloInstalledLogSink(), sink);
   TavloInstalledLogSink()->writeLine("through the installed sink");
   EXPECT_TRUE(sink->contains("through the installed sink"));
