@@ -22,7 +22,10 @@ namespace {
 // Stands in for a real player: its position advances while it plays.
 class SimulatedPlayer : public TavloStreamingTaggerDelegate {
  public:
-  void play() { startedAt_ = now() - position_.load(); playing_ = true; }
+  void play() {
+    startedAt_ = now() - position_.load();
+    playing_ = true;
+  }
   void pause() {
     position_ = currentPosition();
     playing_ = false;
@@ -30,9 +33,7 @@ class SimulatedPlayer : public TavloStreamingTaggerDelegate {
   int64_t currentPosition() const { return playing_ ? now() - startedAt_.load() : position_.load(); }
 
   // Asked by the tagger at events and, on the library's thread, once a second.
-  std::optional<int64_t> currentPositionForStreamingTagger(TavloStreamingTagger&) override {
-    return currentPosition();
-  }
+  std::optional<int64_t> currentPositionForStreamingTagger(TavloStreamingTagger&) override { return currentPosition(); }
 
  private:
   // Milliseconds on the steady clock: what a player's own clock would report.
@@ -91,8 +92,7 @@ int main(int argc, char** argv) {
   watchFor(std::chrono::milliseconds(1500));
   tagger->notifyEvent(TavloStreamingEventStop);
 
-  const double left =
-      std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count();
+  const double left = std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count();
   const bool sent = TavloWaitForPendingHits(left > 0 ? left : 0);
   std::printf(sent ? "all hits sent\n" : "hits still pending after 60 seconds\n");
   TavloShutdown();

@@ -82,7 +82,8 @@ inline constexpr int32_t TavloStreamingTaggerUnknownLocation = -1;
 ///
 /// Failures are never reported to the caller. A blank serial or media name gives a
 /// tagger that never sends (and an error line in the log); refused events are dropped.
-class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger, public std::enable_shared_from_this<TavloStreamingTagger> {
+class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
+                                          public std::enable_shared_from_this<TavloStreamingTagger> {
  public:
   /// Called once, during creation, to describe the medium.
   using ConfigurationBlock = std::function<void(TavloStreamingConfig& config)>;
@@ -174,8 +175,7 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger, public std::enable
 
   explicit TavloStreamingTagger(Setup&& setup);
   // A tagger that never sends, for unusable arguments.
-  static std::shared_ptr<TavloStreamingTagger> rejected(const std::shared_ptr<TavloAgent>& agent,
-                                                        const char* message);
+  static std::shared_ptr<TavloStreamingTagger> rejected(const std::shared_ptr<TavloAgent>& agent, const char* message);
   // Starts following the network. Called once, by the factory, once shared ownership exists.
   void start();
   void reachabilityStatusChanged();
@@ -219,25 +219,25 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger, public std::enable
   uint64_t reachabilityObserver_ = 0;                // set once by start()
 
   mutable std::mutex stateProtector;
-  std::shared_ptr<TavloTimer> timer_;                         // guarded by stateProtector; the polling timer
-  bool disconnectedMode_ = false;                             // guarded by stateProtector
-  uint64_t lastEvent_ = TavloStreamingEventNone;              // guarded by stateProtector
-  bool hasBeenPaused_ = false;                                // guarded by stateProtector; never cleared
-  uint64_t numberOfPolls_ = 0;                                // guarded by stateProtector
-  int64_t rank_ = 0;                                          // guarded by stateProtector
-  TavloString mediaName_;                                     // guarded by stateProtector
-  TavloString mediaGenre_;                                    // guarded by stateProtector
-  TavloString mediaProvider_;                                 // guarded by stateProtector
-  TavloString mediaURL_;                                      // guarded by stateProtector
-  int64_t mediaVolume_ = 0;                                   // guarded by stateProtector
-  int64_t mediaLength_ = 0;                                   // guarded by stateProtector
-  std::weak_ptr<TavloStreamingTaggerDelegate> delegate_;      // guarded by stateProtector
-  TavloSendingMode sendingMode_ = TavloSendingModeLive;       // guarded by stateProtector
-  std::optional<int64_t> positionFromPolling_;                // guarded by stateProtector
-  std::vector<int64_t> positions_;                            // guarded by stateProtector; oldest first
-  std::shared_ptr<TavloRequest> lastSentRequest_;             // guarded by stateProtector
-  std::shared_ptr<TavloRequest> lastThrottledRequest_;        // guarded by stateProtector
-  std::shared_ptr<TavloTimer> timerThrottle_;                 // guarded by stateProtector
-  std::deque<std::shared_ptr<TavloRequest>> outbox_;          // guarded by stateProtector; ranked, not handed over yet
-  bool draining_ = false;                                     // guarded by stateProtector
+  std::shared_ptr<TavloTimer> timer_;                     // guarded by stateProtector; the polling timer
+  bool disconnectedMode_ = false;                         // guarded by stateProtector
+  uint64_t lastEvent_ = TavloStreamingEventNone;          // guarded by stateProtector
+  bool hasBeenPaused_ = false;                            // guarded by stateProtector; never cleared
+  uint64_t numberOfPolls_ = 0;                            // guarded by stateProtector
+  int64_t rank_ = 0;                                      // guarded by stateProtector
+  TavloString mediaName_;                                 // guarded by stateProtector
+  TavloString mediaGenre_;                                // guarded by stateProtector
+  TavloString mediaProvider_;                             // guarded by stateProtector
+  TavloString mediaURL_;                                  // guarded by stateProtector
+  int64_t mediaVolume_ = 0;                               // guarded by stateProtector
+  int64_t mediaLength_ = 0;                               // guarded by stateProtector
+  std::weak_ptr<TavloStreamingTaggerDelegate> delegate_;  // guarded by stateProtector
+  TavloSendingMode sendingMode_ = TavloSendingModeLive;   // guarded by stateProtector
+  std::optional<int64_t> positionFromPolling_;            // guarded by stateProtector
+  std::vector<int64_t> positions_;                        // guarded by stateProtector; oldest first
+  std::shared_ptr<TavloRequest> lastSentRequest_;         // guarded by stateProtector
+  std::shared_ptr<TavloRequest> lastThrottledRequest_;    // guarded by stateProtector
+  std::shared_ptr<TavloTimer> timerThrottle_;             // guarded by stateProtector
+  std::deque<std::shared_ptr<TavloRequest>> outbox_;      // guarded by stateProtector; ranked, not handed over yet
+  bool draining_ = false;                                 // guarded by stateProtector
 };

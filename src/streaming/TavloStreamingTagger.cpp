@@ -124,9 +124,8 @@ TavloStreamingTagger::~TavloStreamingTagger() {
 std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTaggerWithSerial(
     TavloString serial, TavloString mediaName, int64_t mediaVolume, TavloString mediaURL, int64_t mediaLength,
     TavloStreamingType streamingType, ConfigurationBlock configurationBlock) {
-  return TavloStreamingTaggerWithSerial(TavloAgent::sharedAgent(), std::move(serial), std::move(mediaName),
-                                        mediaVolume, std::move(mediaURL), mediaLength, streamingType,
-                                        std::move(configurationBlock));
+  return TavloStreamingTaggerWithSerial(TavloAgent::sharedAgent(), std::move(serial), std::move(mediaName), mediaVolume,
+                                        std::move(mediaURL), mediaLength, streamingType, std::move(configurationBlock));
 }
 
 std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTaggerWithSerial(
@@ -144,9 +143,10 @@ std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTagger
       configurationBlock(setup.config);
     } catch (...) {
       // Measurement goes on with what the callback set before it failed.
-      TavloLogger::log("TavloStreamingTagger - The configuration callback threw: the medium is measured with what "
-                       "it set before",
-                       TavloLoggingModeError);
+      TavloLogger::log(
+          "TavloStreamingTagger - The configuration callback threw: the medium is measured with what "
+          "it set before",
+          TavloLoggingModeError);
     }
   }
   setup.agent = agent;
@@ -175,11 +175,11 @@ void TavloStreamingTagger::start() {
   reachability_ = TavloReachability::reachabilityForInternetConnection(platform_, center_);
   reachabilityStatusChanged();
   if (!center_) return;
-  reachabilityObserver_ = center_->addObserver(
-      std::string(kTavloReachabilityChangedNotification),
-      [weakSelf = weak_from_this()](const std::string&, const void*) {
-        if (const auto self = weakSelf.lock()) self->reachabilityStatusChanged();
-      });
+  reachabilityObserver_ = center_->addObserver(std::string(kTavloReachabilityChangedNotification),
+                                               [weakSelf = weak_from_this()](const std::string&, const void*) {
+                                                 if (const auto self = weakSelf.lock())
+                                                   self->reachabilityStatusChanged();
+                                               });
   if (reachability_) reachability_->startNotifier();
 }
 
@@ -275,7 +275,8 @@ void TavloStreamingTagger::setSendingMode(TavloSendingMode sendingMode) {
   if (sendingMode != TavloSendingModeTimestamped && sendingMode != TavloSendingModeLive &&
       sendingMode != TavloSendingModeDisconnected) {
     TavloLogger::log("TavloStreamingTagger - Sending mode " + std::to_string(static_cast<int64_t>(sendingMode)) +
-                         " is not 0, 1 or 2: the mode stays " + std::to_string(static_cast<int64_t>(this->sendingMode())),
+                         " is not 0, 1 or 2: the mode stays " +
+                         std::to_string(static_cast<int64_t>(this->sendingMode())),
                      TavloLoggingModeError);
     return;
   }

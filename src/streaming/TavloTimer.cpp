@@ -10,7 +10,8 @@ TavloTimer::TavloTimer(const std::shared_ptr<TavloMainQueue>& mainQueue, double 
 
 std::shared_ptr<TavloTimer> TavloTimer::make(const std::shared_ptr<TavloMainQueue>& mainQueue, double interval,
                                              std::weak_ptr<void> target, Operation operation, bool repeating) {
-  std::shared_ptr<TavloTimer> timer(new TavloTimer(mainQueue, interval, std::move(target), std::move(operation), repeating));
+  std::shared_ptr<TavloTimer> timer(
+      new TavloTimer(mainQueue, interval, std::move(target), std::move(operation), repeating));
   if (!mainQueue) {
     timer->valid_ = false;
     return timer;

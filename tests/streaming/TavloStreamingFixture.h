@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstddef>
 #include <cctype>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>

@@ -130,11 +130,11 @@ TEST_F(TavloStreamingPollingTest, TheThrottleSendsTheLastHeldStateUnlessItWasAlr
     const char* name;
     TavloSendingMode mode;
     std::vector<Step> steps;
-    Strings afterTheLastEvent;    // "cmsPS" of the hits at once
-    Strings codes;                // and at 5 s
+    Strings afterTheLastEvent;  // "cmsPS" of the hits at once
+    Strings codes;              // and at 5 s
     Strings ranks;
-    size_t held;                  // "Throttle request" lines
-    size_t released;              // "Throttled request sent" lines
+    size_t held;      // "Throttle request" lines
+    size_t released;  // "Throttled request sent" lines
   };
   const auto play = TavloStreamingEventPlay;
   const auto pause = TavloStreamingEventPause;
@@ -142,14 +142,38 @@ TEST_F(TavloStreamingPollingTest, TheThrottleSendsTheLastHeldStateUnlessItWasAlr
   const Case cases[] = {
       {"play, pause", TavloSendingModeLive, {{0, play}, {0.5, pause}}, {"5"}, {"5", "7"}, {"1", "2"}, 1, 1},
       {"play, pause, play", TavloSendingModeLive, {{0, play}, {0.3, pause}, {0.6, play}}, {"5"}, {"5"}, {"1"}, 2, 0},
-      {"play, pause, play, pause", TavloSendingModeLive, {{0, play}, {0.2, pause}, {0.4, play}, {0.6, pause}},
-       {"5"}, {"5", "7"}, {"1", "2"}, 3, 1},
-      {"play, pause, stop", TavloSendingModeLive, {{0, play}, {0.3, pause}, {0.6, stop}}, {"5", "12"},
-       {"5", "12"}, {"1", "2"}, 1, 0},
-      {"events a second apart", TavloSendingModeLive, {{0, play}, {1.5, pause}, {3, play}}, {"5", "7", "5"},
-       {"5", "7", "5"}, {"1", "2", "3"}, 0, 0},
-      {"timestamped: all held hits are dropped", TavloSendingModeTimestamped,
-       {{0, play}, {0.2, pause}, {0.4, play}, {0.6, pause}}, {"5"}, {"5"}, {"1"}, 1, 0},
+      {"play, pause, play, pause",
+       TavloSendingModeLive,
+       {{0, play}, {0.2, pause}, {0.4, play}, {0.6, pause}},
+       {"5"},
+       {"5", "7"},
+       {"1", "2"},
+       3,
+       1},
+      {"play, pause, stop",
+       TavloSendingModeLive,
+       {{0, play}, {0.3, pause}, {0.6, stop}},
+       {"5", "12"},
+       {"5", "12"},
+       {"1", "2"},
+       1,
+       0},
+      {"events a second apart",
+       TavloSendingModeLive,
+       {{0, play}, {1.5, pause}, {3, play}},
+       {"5", "7", "5"},
+       {"5", "7", "5"},
+       {"1", "2", "3"},
+       0,
+       0},
+      {"timestamped: all held hits are dropped",
+       TavloSendingModeTimestamped,
+       {{0, play}, {0.2, pause}, {0.4, play}, {0.6, pause}},
+       {"5"},
+       {"5"},
+       {"1"},
+       1,
+       0},
   };
   for (const Case& c : cases) {
     startCase();

@@ -161,7 +161,8 @@ TEST_F(TavloStreamingTaggerTest, TheModeFollowsTheNetworkAndTheApplicationsChoic
   test.logSink->clear();
   t->setSendingMode(static_cast<TavloSendingMode>(9));
   EXPECT_EQ(TavloSendingModeTimestamped, t->sendingMode());
-  EXPECT_TRUE(test.logSink->contains("(ERROR) : TavloStreamingTagger - Sending mode 9 is not 0, 1 or 2: the mode stays 0"));
+  EXPECT_TRUE(
+      test.logSink->contains("(ERROR) : TavloStreamingTagger - Sending mode 9 is not 0, 1 or 2: the mode stays 0"));
 }
 
 TEST_F(TavloStreamingTaggerTest, SettingTheModeReadsTheNetworkAtOnce) {
@@ -200,16 +201,33 @@ TEST_F(TavloStreamingTaggerTest, AHitCarriesTheDefaultsAndTheWholeStreamingSetWi
   ASSERT_EQ(1u, queued.size());
   const TavloParameters& hit = queued[0];
   const TavloParameters expected = {
-      {"cmsEV", "state"},    {"cmsPO", "12"},        {"cmsOP", "0"},
-      {"cmsPS", "5"},        {"cmsMV", "5"},         {"cmsSD", "80"},
-      {"cmsDU", "5400"},     {"cmsPL", "TestModel"}, {"dom", "provider"},
-      {"cmsSN", std::string(300, 'n')},               {"cmsGR", "drama"},
-      {"cmsME", "http://media.test/film.m3u8"},       {"cmsS1", "three"},
-      {"cmsS2", "two"},      {"cmsS3", "one"},       {"cmsS4", "four"},
-      {"cmsS5", "five"},     {"crmid", "crm 42"},    {"ml1", std::string(256, 'x')},
-      {"ml11", "eleven"},    {"msCid", "content"},   {"msDm", "live"},
-      {"msCh", "ch1"},       {"miCh", "net"},        {"cmsRK", "1"},
-      {"cmsVI", "5"},        {"m_ntwk", "Wifi"},
+      {"cmsEV", "state"},
+      {"cmsPO", "12"},
+      {"cmsOP", "0"},
+      {"cmsPS", "5"},
+      {"cmsMV", "5"},
+      {"cmsSD", "80"},
+      {"cmsDU", "5400"},
+      {"cmsPL", "TestModel"},
+      {"dom", "provider"},
+      {"cmsSN", std::string(300, 'n')},
+      {"cmsGR", "drama"},
+      {"cmsME", "http://media.test/film.m3u8"},
+      {"cmsS1", "three"},
+      {"cmsS2", "two"},
+      {"cmsS3", "one"},
+      {"cmsS4", "four"},
+      {"cmsS5", "five"},
+      {"crmid", "crm 42"},
+      {"ml1", std::string(256, 'x')},
+      {"ml11", "eleven"},
+      {"msCid", "content"},
+      {"msDm", "live"},
+      {"msCh", "ch1"},
+      {"miCh", "net"},
+      {"cmsRK", "1"},
+      {"cmsVI", "5"},
+      {"m_ntwk", "Wifi"},
   };
   for (const auto& [key, value] : expected) {
     ASSERT_EQ(1u, hit.count(key)) << key << " is missing";
@@ -225,7 +243,8 @@ TEST_F(TavloStreamingTaggerTest, AHitCarriesTheDefaultsAndTheWholeStreamingSetWi
   EXPECT_EQ(0u, hit.count("ml2"));
   EXPECT_EQ(expected.size() + defaults->size(), hit.size())
       << "nothing but the defaults, the streaming set and what the URL adds";
-  EXPECT_EQ(0u, test.http->lastRequest().url.find("http://collect.test/m/web/123?")) << "live hits go to the access's host";
+  EXPECT_EQ(0u, test.http->lastRequest().url.find("http://collect.test/m/web/123?"))
+      << "live hits go to the access's host";
 }
 
 TEST_F(TavloStreamingTaggerTest, TheParameterDumpIsWrittenWhateverTheThreshold) {
@@ -297,14 +316,26 @@ TEST_F(TavloStreamingEventsTest, OnlyTheTransitionsOfTheRuleMakeHits) {
       {"play after pause", TavloStreamingTypeNoPosition, {play, pause, play}, {"5", "7", "5"}, {"1", "2", "3"}},
       {"stop from pause", TavloStreamingTypeNoPosition, {play, pause, stop}, {"5", "7", "12"}, {"1", "2", "3"}},
       {"a repeated stop", TavloStreamingTypeNoPosition, {play, stop, stop, pause}, {"5", "12"}, {"1", "2"}},
-      {"again after a stop", TavloStreamingTypeNoPosition, {play, stop, play, pause}, {"5", "12", "5", "7"},
+      {"again after a stop",
+       TavloStreamingTypeNoPosition,
+       {play, stop, play, pause},
+       {"5", "12", "5", "7"},
        {"1", "2", "1", "2"}},
-      {"first pause stops", TavloStreamingTypeFirstPauseStops, {play, pause, play, pause},
-       {"5", "12", "5", "7"}, {"1", "2", "1", "2"}},
-      {"a refused first pause still spends the stop", TavloStreamingTypeFirstPauseStops, {pause, play, pause},
-       {"5", "7"}, {"1", "2"}},
-      {"stop from a type-2 pause", TavloStreamingTypeFirstPauseStops, {play, pause, play, pause, stop},
-       {"5", "12", "5", "7", "12"}, {"1", "2", "1", "2", "3"}},
+      {"first pause stops",
+       TavloStreamingTypeFirstPauseStops,
+       {play, pause, play, pause},
+       {"5", "12", "5", "7"},
+       {"1", "2", "1", "2"}},
+      {"a refused first pause still spends the stop",
+       TavloStreamingTypeFirstPauseStops,
+       {pause, play, pause},
+       {"5", "7"},
+       {"1", "2"}},
+      {"stop from a type-2 pause",
+       TavloStreamingTypeFirstPauseStops,
+       {play, pause, play, pause, stop},
+       {"5", "12", "5", "7", "12"},
+       {"1", "2", "1", "2", "3"}},
   };
   for (const Case& c : cases) {
     startCase();
@@ -321,8 +352,10 @@ TEST_F(TavloStreamingEventsTest, AnEventOutsideTheSetIsLoggedAndIgnored) {
   test.logSink->clear();
   t->notifyEvent(static_cast<TavloStreamingEvent>(7), 3);
   t->notifyEvent(TavloStreamingEventNone);
-  EXPECT_TRUE(test.logSink->contains("(ERROR) : TavloStreamingTagger - Event 7 is not play (0), pause (1) or stop (2): ignored"));
-  EXPECT_TRUE(test.logSink->contains("(ERROR) : TavloStreamingTagger - Event 3 is not play (0), pause (1) or stop (2): ignored"));
+  EXPECT_TRUE(test.logSink->contains(
+      "(ERROR) : TavloStreamingTagger - Event 7 is not play (0), pause (1) or stop (2): ignored"));
+  EXPECT_TRUE(test.logSink->contains(
+      "(ERROR) : TavloStreamingTagger - Event 3 is not play (0), pause (1) or stop (2): ignored"));
   notify(*t, TavloStreamingEventPause);
   EXPECT_EQ((std::vector<std::string>{"5", "7"}), column("cmsPS"));
   EXPECT_EQ((std::vector<std::string>{"0", "0"}), column("cmsPO")) << "the ignored event's position is not recorded";
@@ -415,7 +448,8 @@ TEST_F(TavloStreamingEventsTest, ADelegateMayCallTheTaggerBackAndMayThrow) {
   delegate->throws = true;
   t->notifyEvent(TavloStreamingEventPause);
   EXPECT_EQ((std::vector<std::string>{"4", "4"}), column("cmsPO")) << "a failing delegate gives no position";
-  EXPECT_TRUE(test.logSink->contains("(WARNING) : TavloStreamingTagger - The delegate failed to give the current position"));
+  EXPECT_TRUE(
+      test.logSink->contains("(WARNING) : TavloStreamingTagger - The delegate failed to give the current position"));
 }
 
 TEST_F(TavloStreamingEventsTest, ACachedRefusalStopsPollingAndSendsNothing) {
@@ -476,7 +510,7 @@ TEST_F(TavloStreamingEventsTest, AnAgentThatIsGoneMakesEventsDoNothing) {
   advanceTo(100);
   EXPECT_EQ(0u, test.mainQueue->pendingCount());
   const auto orphan = TavloStreamingTagger::TavloStreamingTaggerWithSerial(nullptr, "123", "film", 0, std::nullopt, 0,
-                                                                          TavloStreamingTypeNoPosition);
+                                                                           TavloStreamingTypeNoPosition);
   ASSERT_TRUE(orphan);
   EXPECT_FALSE(orphan->canSend());
   startAgent();

@@ -107,7 +107,8 @@ TEST_F(TavloTimerTest, AFiringAlreadyDueWhenInvalidatedDoesNotReachTheTarget) {
     void fire(const std::shared_ptr<TavloTimer>&) { victim->invalidate(); }
   };
   const auto stopper = std::make_shared<Stopper>();
-  const auto first = TavloTimer::TavloTimerWithInterval(queue, 1.0, std::weak_ptr<Stopper>(stopper), &Stopper::fire, false);
+  const auto first =
+      TavloTimer::TavloTimerWithInterval(queue, 1.0, std::weak_ptr<Stopper>(stopper), &Stopper::fire, false);
   stopper->victim = arm(1.0, true);
   EXPECT_EQ(3u, queue->advanceBy(1)) << "the stopper, the due firing and the cancellation";
   EXPECT_TRUE(recorder->times.empty());
@@ -131,8 +132,7 @@ TEST_F(TavloTimerTest, ATargetMayStopItsTimerFromItsOwnFiring) {
 }
 
 TEST_F(TavloTimerTest, WithoutAQueueOrASelectorNothingEverFires) {
-  const auto orphan =
-      TavloTimer::TavloTimerWithInterval<Recorder>(nullptr, 1.0, recorder, &Recorder::fire, true);
+  const auto orphan = TavloTimer::TavloTimerWithInterval<Recorder>(nullptr, 1.0, recorder, &Recorder::fire, true);
   EXPECT_FALSE(orphan->isValid());
   orphan->invalidate();
   const auto mute = arm(1.0, true, nullptr);
