@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -31,36 +30,23 @@ class TavloTestPositionDelegate : public TavloStreamingTaggerDelegate {
 /// A delegate that does not supply positions at all.
 class TavloSilentDelegate : public TavloStreamingTaggerDelegate {};
 
-/// Decodes a query value as the hit URL escaped it.
-inline std::string TavloPercentDecode(const std::string& text) {
-  std::string decoded;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
-        std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
-      decoded += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-      i += 2;
-    } else {
-      decoded += text[i];
-    }
-  }
-  return decoded;
-}
-
-/// The parameters of a hit URL's query.
+/// The parameters of a hit URL's query, unescaped.
 inline TavloParameters TavloQueryParameters(const std::string& url) {
-  TavloParameters parameters;
-  const size_t question = url.find('?');
-  if (question == std::string::npos) return parameters;
-  size_t start = question + 1;
-  while (start <= url.size()) {
-    size_t end = url.find('&', start);
-    if (end == std::string::npos) end = url.size();
-    const std::string piece = url.substr(start, end - start);
-    const size_t equals = piece.find('=');
-    if (equals != std::string::npos) {
-      parameters[TavloPercentDecode(piece.substr(0, equals))] = TavloPercentDecode(piece.substr(equals + 1));
+  const auto decode = [](const std::string& text) {
+    std::string decoded;
+    for (size_t i = 0; i < text.size(); ++i) {
+      const bool escape = text[i] == '%' && i + 2 < text.size();
+      decoded += escape ? static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)) : text[i];
+      if (escape) i += 2;
     }
-    start = end + 1;
+    return decoded;
+  };
+  TavloParameters parameters;
+  std::string query = url.substr(std::min(url.find('?'), url.size() - 1) + 1) + "&";
+  for (size_t start = 0, end; (end = query.find('&', start)) != std::string::npos; start = end + 1) {
+    const std::string piece = query.substr(start, end - start);
+    const size_t equals = piece.find('=');
+    if (equals != std::string::npos) parameters[decode(piece.substr(0, equals))] = decode(piece.substr(equals + 1));
   }
   return parameters;
 }

@@ -100,19 +100,4 @@ TEST_F(TavloStreamingIntegrationTest, PlayPausePlayStopReachesTheCollectorInOrde
   EXPECT_TRUE(agent->TEST_queue().empty());
 }
 
-TEST_F(TavloStreamingIntegrationTest, PollingHitsArriveWhileTheMediumPlays) {
-  const auto t = tagger();
-  t->notifyEvent(TavloStreamingEventPlay, 1);
-  advanceTo(45);
-  const auto hits = received(false);
-  ASSERT_EQ(4u, hits.size());
-  for (size_t i = 1; i < hits.size(); ++i) {
-    const TavloParameters parameters = TavloQueryParameters(hits[i].target);
-    EXPECT_EQ("polling", parameters.at("cmsEV"));
-    EXPECT_EQ(std::to_string(i + 1), parameters.at("cmsRK"));
-    EXPECT_EQ("41", parameters.at("cmsVI")) << "one visit for the whole playing";
-  }
-  EXPECT_EQ(1u, received(true).size());
-}
-
 }  // namespace
