@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -207,16 +206,6 @@ TEST_F(TavloReachabilityTest, FlagsTextHasALetterPerBitInItsPlace) {
   for (const auto& [flags, text] : cases) {
     EXPECT_EQ(text, TavloReachability::flagsText(flags)) << std::hex << "flags 0x" << flags;
   }
-}
-
-TEST_F(TavloReachabilityTest, DescriptionNamesTheClassAndThe32BitIdentity) {
-  auto monitor = internetMonitor();
-  char expected[64];
-  std::snprintf(expected, sizeof expected, "<TavloReachability: %#x>",
-                static_cast<unsigned>(reinterpret_cast<uintptr_t>(monitor.get()) & 0xFFFFFFFFu));
-  EXPECT_EQ(expected, monitor->description());
-  EXPECT_EQ(0u, monitor->description().find("<TavloReachability: 0x"));
-  EXPECT_NE(monitor->description(), internetMonitor()->description()) << "two monitors, two identities";
 }
 
 // ---- Notifying ----

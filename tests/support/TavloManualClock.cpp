@@ -7,15 +7,9 @@ TavloDate TavloManualClock::now() {
   return current;
 }
 
-long TavloManualClock::utcOffsetAt(TavloDate date) {
-  std::function<long(TavloDate)> rule;
-  {
-    std::lock_guard<std::mutex> lock(timeProtector);
-    if (!offsetRule) return fixedOffset;
-    rule = offsetRule;
-  }
-  // Called outside the lock, so a rule may read the clock itself.
-  return rule(date);
+long TavloManualClock::utcOffsetAt(TavloDate) {
+  std::lock_guard<std::mutex> lock(timeProtector);
+  return fixedOffset;
 }
 
 void TavloManualClock::set(TavloDate date) {
@@ -32,10 +26,4 @@ TavloDate TavloManualClock::advance(double seconds) {
 void TavloManualClock::setUtcOffset(long seconds) {
   std::lock_guard<std::mutex> lock(timeProtector);
   fixedOffset = seconds;
-  offsetRule = nullptr;
-}
-
-void TavloManualClock::setUtcOffsetRule(std::function<long(TavloDate)> rule) {
-  std::lock_guard<std::mutex> lock(timeProtector);
-  offsetRule = std::move(rule);
 }

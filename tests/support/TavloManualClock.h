@@ -20,7 +20,7 @@ class TavloManualClock : public TavloClock {
   TavloManualClock& operator=(const TavloManualClock&) = delete;
 
   TavloDate now() override;
-  /// The fixed offset, or what the rule set with setUtcOffsetRule answers for `date`.
+  /// The offset set with setUtcOffset, whatever the date.
   long utcOffsetAt(TavloDate date) override;
 
   void set(TavloDate date);
@@ -30,12 +30,9 @@ class TavloManualClock : public TavloClock {
 
   /// The same offset at every date. Default 0 (UTC).
   void setUtcOffset(long seconds);
-  /// An offset that depends on the date, for daylight-saving transitions.
-  void setUtcOffsetRule(std::function<long(TavloDate)> rule);
 
  private:
   std::mutex timeProtector;
   TavloDate current;                            // guarded by timeProtector
   long fixedOffset = 0;                         // guarded by timeProtector
-  std::function<long(TavloDate)> offsetRule;    // guarded by timeProtector
 };

@@ -16,7 +16,6 @@ uint32_t TavloSequenceRandom::nextUInt32() {
 
 std::string TavloSequenceRandom::newUUIDString() {
   std::lock_guard<std::mutex> lock(scriptProtector);
-  ++uuidsGiven;
   if (nextUUID < uuids.size()) return uuids[nextUUID++];
   return countedUUID(++uuidCounter);
 }
@@ -27,20 +26,9 @@ void TavloSequenceRandom::setValues(std::vector<uint32_t> newValues) {
   nextValue = 0;
 }
 
-void TavloSequenceRandom::setUUIDs(std::vector<std::string> newUUIDs) {
-  std::lock_guard<std::mutex> lock(scriptProtector);
-  uuids = std::move(newUUIDs);
-  nextUUID = 0;
-}
-
 size_t TavloSequenceRandom::valueCount() {
   std::lock_guard<std::mutex> lock(scriptProtector);
   return valuesGiven;
-}
-
-size_t TavloSequenceRandom::uuidCount() {
-  std::lock_guard<std::mutex> lock(scriptProtector);
-  return uuidsGiven;
 }
 
 std::string TavloSequenceRandom::countedUUID(uint64_t n) {

@@ -26,11 +26,9 @@ class TavloSequenceRandom : public TavloRandom {
 
   /// Replaces the script and starts it from its beginning.
   void setValues(std::vector<uint32_t> values);
-  void setUUIDs(std::vector<std::string> uuids);
 
-  /// How many values and UUIDs were handed out.
+  /// How many values were handed out.
   size_t valueCount();
-  size_t uuidCount();
 
   /// The counter-made UUID number `n` (1-based), as newUUIDString() writes it.
   static std::string countedUUID(uint64_t n);
@@ -42,6 +40,5 @@ class TavloSequenceRandom : public TavloRandom {
   size_t nextValue = 0;             // guarded by scriptProtector
   size_t nextUUID = 0;              // guarded by scriptProtector
   size_t valuesGiven = 0;           // guarded by scriptProtector
-  size_t uuidsGiven = 0;            // guarded by scriptProtector
   uint64_t uuidCounter = 0;         // guarded by scriptProtector
 };

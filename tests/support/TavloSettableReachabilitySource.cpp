@@ -27,7 +27,6 @@ struct TavloSettableReachabilitySource::State {
   bool refuses = false;                              // guarded by protector
   bool unreadable = false;                           // guarded by protector
   bool watchingFails = false;                        // guarded by protector
-  size_t reads = 0;                                  // guarded by protector
   uint64_t lastStarted = 0;                          // guarded by protector
   std::vector<std::weak_ptr<Watcher>> watchers;      // guarded by protector; every handle's, in making order
   std::vector<uint32_t> addresses;                   // guarded by protector
@@ -44,7 +43,6 @@ class TavloSettableReachabilitySource::Handle : public TavloReachabilityHandle {
 
   std::optional<uint32_t> currentFlags() override {
     std::lock_guard<std::mutex> lock(state->protector);
-    ++state->reads;
     if (state->unreadable) return std::nullopt;
     return state->flags;
   }
@@ -158,11 +156,6 @@ size_t TavloSettableReachabilitySource::watchingCount() {
     if (watcher->watching) ++count;
   }
   return count;
-}
-
-size_t TavloSettableReachabilitySource::flagsReadCount() {
-  std::lock_guard<std::mutex> lock(state->protector);
-  return state->reads;
 }
 
 std::vector<uint32_t> TavloSettableReachabilitySource::addressesAsked() {

@@ -43,8 +43,6 @@ class TavloSettableReachabilitySource : public TavloReachabilitySource {
 
   /// How many handles are watching now.
   size_t watchingCount();
-  /// How many times any handle's currentFlags() was asked.
-  size_t flagsReadCount();
   /// The targets asked for, refused ones included, in order; addresses in host order
   /// (0xA9FE0000 for 169.254.0.0).
   std::vector<uint32_t> addressesAsked();
