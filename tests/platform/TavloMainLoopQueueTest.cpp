@@ -93,7 +93,9 @@ TEST(TavloMainLoopQueueTest, RunsTasksInOrderOnItsOwnThread) {
 
 TEST(TavloMainLoopQueueTest, TimersFireByDeadlineAndCancelledOnesNever) {
   Journal journal;
+  Journal held;
   TavloMainLoopQueue queue;
+  queue.post([&] { held.waitForCount(1); });  // nothing fires before the cancels are in, however slow this thread is
   queue.schedule(0.3, false, [&] { journal.record("late"); });
   queue.schedule(0.01, false, [&] { journal.record("early"); });
   const TavloTimerID doomed = queue.schedule(0.02, false, [&] { journal.record("cancelled timer fired"); });
@@ -102,6 +104,7 @@ TEST(TavloMainLoopQueueTest, TimersFireByDeadlineAndCancelledOnesNever) {
   queue.cancel(doomed);
   queue.cancel(repeating);
   queue.cancel(doomed);  // twice is harmless
+  held.record("go");
   ASSERT_TRUE(journal.waitForCount(2));
   EXPECT_EQ((std::vector<std::string>{"early", "late"}), journal.all());
 }
