@@ -303,118 +303,111 @@ TEST(TavloKeyedArchive, WritesTheNSKeyedArchiverLayout) {
   EXPECT_EQ("NSArray", text(plist_array_get_item(classes, 1))) << "a mutable array is an array too";
 }
 
-TEST(TavloKeyedArchive, ReadsWhatOtherWritersOfTheFormatProduce) {
-  struct Case {
+// ---- Values as other writers store them, and values of the wrong kind ----
+
+TEST(TavloKeyedArchive, EachStoredValueReadsAsItsFieldOrAsTheDefaultAndSparesTheRest) {
+  using Maker = std::function<plist_t(plist_t archive)>;
+  using Change = std::function<void(TestItem&)>;
+  struct Row {
+    const char* key;
     std::string what;
-    std::function<void(plist_t)> change;
-    std::function<bool(const TestItem&)> holds;
+    Maker stored;
+    Change expected;  // applied to fullItem()
   };
-  const std::vector<Case> cases = {
-      {"a string as NSString",
-       [](plist_t a) { replace(a, "name", newObject(a, "NSString", {{"NS.string", plist_new_string("s")}})); },
-       [](const TestItem& i) { return i.name == "s"; }},
-      {"a string as NSMutableString",
-       [](plist_t a) { replace(a, "name", newObject(a, "NSMutableString", {{"NS.string", plist_new_string("m")}})); },
-       [](const TestItem& i) { return i.name == "m"; }},
-      {"an NSMutableDictionary",
+  const auto uid = [](uint64_t value) -> Maker { return [value](plist_t) { return plist_new_uid(value); }; };
+  const auto real = [](double value) -> Maker { return [value](plist_t) { return plist_new_real(value); }; };
+  const Maker uidOfAString = [](plist_t a) { return plist_new_uid(append(a, plist_new_string("2020"))); };
+  const Change noName = [](TestItem& i) { i.name.reset(); };
+  const Change noCount = [](TestItem& i) { i.count = 0; };
+  const Change noFlag = [](TestItem& i) { i.flag = false; };
+  const Change noDate = [](TestItem& i) { i.when.reset(); };
+  const Change noParameters = [](TestItem& i) { i.parameters.reset(); };
+  const Change noChild = [](TestItem& i) { i.child.reset(); };
+  std::vector<Row> rows = {
+      // What other writers of the format produce.
+      {"name", "an NSString", [](plist_t a) { return newObject(a, "NSString", {{"NS.string", plist_new_string("s")}}); },
+       [](TestItem& i) { i.name = "s"; }},
+      {"name", "an NSMutableString",
+       [](plist_t a) { return newObject(a, "NSMutableString", {{"NS.string", plist_new_string("m")}}); },
+       [](TestItem& i) { i.name = "m"; }},
+      {"parameters", "an NSMutableDictionary",
        [](plist_t a) {
          const uint64_t key = append(a, plist_new_string("k"));
-         replace(a, "parameters", newDictionary(a, "NSMutableDictionary", {key}, {key}));
+         return newDictionary(a, "NSMutableDictionary", {key}, {key});
        },
-       [](const TestItem& i) { return i.parameters && *i.parameters == TavloParameters{{"k", "k"}}; }},
-      {"an integer stored as a boolean", [](plist_t a) { replace(a, "count", plist_new_bool(1)); },
-       [](const TestItem& i) { return i.count == 1; }},
-      {"an integer stored as a real", [](plist_t a) { replace(a, "count", plist_new_real(-3.9)); },
-       [](const TestItem& i) { return i.count == -3; }},
-      {"a boolean stored as an integer", [](plist_t a) { replace(a, "$$class", plist_new_uint(7)); },
-       [](const TestItem& i) { return i.flag; }},
-      {"a date with whole seconds",
-       [](plist_t a) { replace(a, "when", newObject(a, "NSDate", {{"NS.time", plist_new_uint(10)}})); },
-       [](const TestItem& i) { return i.when == TavloSecondsFrom1970To2001 + 10; }},
+       [](TestItem& i) { i.parameters = std::make_shared<const TavloParameters>(TavloParameters{{"k", "k"}}); }},
+      {"count", "a boolean", [](plist_t) { return plist_new_bool(1); }, [](TestItem& i) { i.count = 1; }},
+      {"count", "a real", real(-3.9), [](TestItem& i) { i.count = -3; }},
+      {"$$class", "an integer", [](plist_t) { return plist_new_uint(7); }, [](TestItem& i) { i.flag = true; }},
+      {"when", "a date in whole seconds", [](plist_t a) { return newObject(a, "NSDate", {{"NS.time", plist_new_uint(10)}}); },
+       [](TestItem& i) { i.when = TavloSecondsFrom1970To2001 + 10; }},
+      // Values of the wrong kind for one field.
+      {"name", "UID of a record", uid(1), noName},
+      {"name", "integer", [](plist_t) { return plist_new_uint(5); }, noName},
+      {"name", "NSString without text", [](plist_t a) { return newObject(a, "NSString"); }, noName},
+      {"count", "UID", uid(1), noCount},
+      {"count", "real -inf", real(-INFINITY), noCount},
+      {"$$class", "real", real(1.0), noFlag},
+      {"$$class", "UID", uid(1), noFlag},
+      {"when", "UID of a string", uidOfAString, noDate},
+      {"when", "NSDate with text", [](plist_t a) { return newObject(a, "NSDate", {{"NS.time", plist_new_string("1")}}); },
+       noDate},
+      {"when", "NSDate with NaN", [](plist_t a) { return newObject(a, "NSDate", {{"NS.time", plist_new_real(NAN)}}); },
+       noDate},
+      {"when", "UID of a record", uid(1), noDate},
+      {"parameters", "keys and values of different lengths",
+       [](plist_t a) { return newDictionary(a, "NSDictionary", {1}, {}); }, noParameters},
+      {"parameters", "a dictionary of another class", [](plist_t a) { return newDictionary(a, "NSSet", {}, {}); },
+       noParameters},
+      {"parameters", "UID of a record", uid(1), noParameters},
+      {"child", "UID of a string", uidOfAString, noChild},
+      {"child", "an NSDate", [](plist_t a) { return newObject(a, "NSDate"); }, noChild},
+      {"child", "integer", [](plist_t) { return plist_new_uint(1); }, noChild},
   };
-  for (const Case& c : cases) {
-    const Plist archive = fullArchive();
-    c.change(archive.get());
-    const auto read = readItem(serialise(archive.get()));
-    ASSERT_TRUE(read) << c.what;
-    EXPECT_TRUE(c.holds(*read)) << c.what;
-  }
-
-  const Plist archive = parse(TavloKeyedArchiver::archivedDataWithRootArray({std::make_shared<TestMarker>()}));
-  plist_dict_set_item(classOf(archive.get(), rootOf(archive.get())), "$classname", plist_new_string("NSArray"));
-  const auto read = TavloKeyedUnarchiver::unarchivedArrayWithData(serialise(archive.get()), kClasses);
-  ASSERT_TRUE(read) << "an immutable NSArray root";
-  EXPECT_EQ(1u, read->size());
-}
-
-// ---- Damaged and hostile input ----
-
-TEST(TavloKeyedArchive, AValueOfTheWrongKindReadsAsTheDefaultAndSparesTheRest) {
-  using Maker = std::function<plist_t(plist_t archive)>;
-  const auto uid = [](uint64_t value) -> Maker { return [value](plist_t) { return plist_new_uid(value); }; };
-  const auto string = [](plist_t a) { return plist_new_uid(append(a, plist_new_string("2020"))); };
-  const std::vector<std::pair<std::string, Maker>> wrongForEveryKind = {
+  // Values of the wrong kind for every field.
+  const std::pair<std::string, Maker> wrongForEveryKind[] = {
       {"inline string", [](plist_t) { return plist_new_string("inline"); }},
       {"inline dictionary", [](plist_t) { return plist_new_dict(); }},
       {"data", [](plist_t) { return plist_new_data("\x01\x02", 2); }},
       {"UID past the end", uid(100000)},
       {"UID 2^63", uid(uint64_t{1} << 63)},
       {"UID of a class description", [](plist_t a) { return plist_new_uid(uidOf(item(rootOf(a), "$class"))); }},
-      {"real NaN", [](plist_t) { return plist_new_real(std::nan("")); }},
-      {"real 1e19", [](plist_t) { return plist_new_real(1e19); }},
+      {"real NaN", real(NAN)},
+      {"real 1e19", real(1e19)},
   };
-  struct Field {
-    const char* key;
-    std::vector<std::pair<std::string, Maker>> wrong;  // besides wrongForEveryKind
-    std::function<void(TestItem&)> reset;
+  const std::pair<const char*, Change> defaults[] = {
+      {"name", noName}, {"count", noCount}, {"$$class", noFlag},
+      {"when", noDate}, {"parameters", noParameters}, {"child", noChild},
   };
-  const Field fields[] = {
-      {"name",
-       {{"UID of a record", uid(1)}, {"integer", [](plist_t) { return plist_new_uint(5); }},
-        {"NSString without text", [](plist_t a) { return newObject(a, "NSString"); }}},
-       [](TestItem& i) { i.name.reset(); }},
-      {"count", {{"UID", uid(1)}, {"real -inf", [](plist_t) { return plist_new_real(-INFINITY); }}},
-       [](TestItem& i) { i.count = 0; }},
-      {"$$class", {{"real", [](plist_t) { return plist_new_real(1.0); }}, {"UID", uid(1)}},
-       [](TestItem& i) { i.flag = false; }},
-      {"when",
-       {{"UID of a string", string},
-        {"NSDate with text", [](plist_t a) { return newObject(a, "NSDate", {{"NS.time", plist_new_string("1")}}); }},
-        {"NSDate with NaN", [](plist_t a) { return newObject(a, "NSDate", {{"NS.time", plist_new_real(std::nan(""))}}); }},
-        {"UID of a record", uid(1)}},
-       [](TestItem& i) { i.when.reset(); }},
-      {"parameters",
-       {{"keys and values of different lengths", [](plist_t a) { return newDictionary(a, "NSDictionary", {1}, {}); }},
-        {"a dictionary of another class", [](plist_t a) { return newDictionary(a, "NSSet", {}, {}); }},
-        {"UID of a record", uid(1)}},
-       [](TestItem& i) { i.parameters.reset(); }},
-      {"child",
-       {{"UID of a string", string}, {"an NSDate", [](plist_t a) { return newObject(a, "NSDate"); }},
-        {"integer", [](plist_t) { return plist_new_uint(1); }}},
-       [](TestItem& i) { i.child.reset(); }},
-  };
-  for (const Field& field : fields) {
-    TestItem expected = *fullItem();
-    field.reset(expected);
-    auto makers = wrongForEveryKind;
-    makers.insert(makers.end(), field.wrong.begin(), field.wrong.end());
-    for (const auto& [what, make] : makers) {
-      const std::string label = std::string(field.key) + " holding " + what;
-      const Plist archive = fullArchive();
-      replace(archive.get(), field.key, make(archive.get()));
-      const auto read = readItem(serialise(archive.get()));
-      ASSERT_TRUE(read) << label;
-      expectSameFields(expected, *read, label);
-    }
+  for (const auto& [key, reset] : defaults) {
+    for (const auto& [what, make] : wrongForEveryKind) rows.push_back({key, what, make, reset});
   }
 
-  // Entries that are not strings are dropped one by one.
-  const Plist archive = fullArchive();
+  for (const Row& row : rows) {
+    const std::string label = std::string(row.key) + " holding " + row.what;
+    const Plist archive = fullArchive();
+    replace(archive.get(), row.key, row.stored(archive.get()));
+    const auto read = readItem(serialise(archive.get()));
+    ASSERT_TRUE(read) << label;
+    TestItem expected = *fullItem();
+    row.expected(expected);
+    expectSameFields(expected, *read, label);
+  }
+
+  // Dictionary entries that are not strings are dropped one by one.
+  Plist archive = fullArchive();
   const uint64_t key = append(archive.get(), plist_new_string("kept"));
   replace(archive.get(), "parameters", newDictionary(archive.get(), "NSDictionary", {key, 1, key + 100}, {key, key, key}));
   const auto read = readItem(serialise(archive.get()));
   ASSERT_TRUE(read && read->parameters);
   EXPECT_EQ((TavloParameters{{"kept", "kept"}}), *read->parameters);
+
+  // An immutable array as the root.
+  archive = parse(TavloKeyedArchiver::archivedDataWithRootArray({std::make_shared<TestMarker>()}));
+  plist_dict_set_item(classOf(archive.get(), rootOf(archive.get())), "$classname", plist_new_string("NSArray"));
+  const auto array = TavloKeyedUnarchiver::unarchivedArrayWithData(serialise(archive.get()), kClasses);
+  ASSERT_TRUE(array) << "an immutable NSArray root";
+  EXPECT_EQ(1u, array->size());
 }
 
 // A binary property list written byte by byte, for shapes libplist will not write.
