@@ -1,0 +1,587 @@
+// The C interface over the C++ taggers. Every entry point is noexcept and runs its whole
+// body inside guard(), so nothing thrown inside the library, or by a callback, reaches a
+// C caller.
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "agent/TavloAgent.h"
+#include "c/tavlo_c_internal.h"
+#include "platform/TavloLogger.h"
+#include "tagging/TavloText.h"
+#include "tavlo/TavloApplication.h"
+#include "tavlo/TavloAudienceTagger.h"
+#include "tavlo/TavloStreamingTagger.h"
+#include "tavlo/TavloVersion.h"
+#include "tavlo/tavlo.h"
+
+namespace {
+
+// Logging must not throw either: a line that cannot be built or written is lost.
+void logError(const char* function, const char* what) noexcept {
+  try {
+    TavloLogger::log(std::string(function) + " - " + what, TavloLoggingModeError);
+  } catch (...) {
+  }
+}
+
+template <typename Body>
+void guard(const char* function, Body&& body) noexcept {
+  try {
+    body();
+  } catch (const std::exception& error) {
+    logError(function, (std::string("Failed (") + error.what() + "): nothing done").c_str());
+  } catch (...) {
+    logError(function, "Failed (unknown exception): nothing done");
+  }
+}
+
+// As above, answering `fallback` when the body throws.
+template <typename Result, typename Body>
+Result guard(const char* function, Result fallback, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::exception& error) {
+    logError(function, (std::string("Failed (") + error.what() + "): nothing done").c_str());
+  } catch (...) {
+    logError(function, "Failed (unknown exception): nothing done");
+  }
+  return fallback;
+}
+
+// False, with an error line, when the caller passed NULL for a handle.
+bool given(const void* handle, const char* function, const char* what) noexcept {
+  if (handle != nullptr) return true;
+  try {
+    logError(function, (std::string("No ") + what + " given (NULL): nothing done").c_str());
+  } catch (...) {
+  }
+  return false;
+}
+
+TavloString fromC(const char* text) { return text ? TavloString(text) : std::nullopt; }
+
+// A malloc'd copy for the caller, or NULL for an absent value.
+char* toC(const TavloString& value) {
+  if (!value) return nullptr;
+  auto* copy = static_cast<char*>(std::malloc(value->size() + 1));
+  if (!copy) throw std::bad_alloc();
+  std::memcpy(copy, value->c_str(), value->size() + 1);
+  return copy;
+}
+
+bool hasControlCharacter(const char* text) {
+  for (const char* c = text; c && *c; ++c) {
+    const auto byte = static_cast<unsigned char>(*c);
+    if (byte < 0x20 || byte == 0x7f) return true;
+  }
+  return false;
+}
+
+bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
+  if (text.size() < prefix.size()) return false;
+  for (size_t i = 0; i < prefix.size(); ++i) {
+    const char c = text[i];
+    if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != prefix[i]) return false;
+  }
+  return true;
+}
+
+// "http://" or "https://", then a host, in characters a URL may carry as they are.
+bool isUsableBaseURL(std::string_view url) {
+  const size_t scheme = startsWithIgnoringCase(url, "http://") ? 7 : startsWithIgnoringCase(url, "https://") ? 8 : 0;
+  if (scheme == 0 || !TavloIsURLSafeText(url)) return false;
+  while (!url.empty() && url.back() == '/') url.remove_suffix(1);
+  return url.size() > scheme && url[scheme] != '/';
+}
+
+// Levels by number. Plain functions rather than member pointers: GCC's flow analysis
+// misreads calls through a table of member pointers as reading uninitialised memory.
+using LevelGetter = TavloString (*)(const TavloTagger&);
+using LevelSetter = void (*)(TavloTagger&, TavloString);
+constexpr LevelGetter kLevelGetters[TavloTagger::kNewLevelCount] = {
+    [](const TavloTagger& t) { return t.theNewLevel1(); }, [](const TavloTagger& t) { return t.theNewLevel2(); },
+    [](const TavloTagger& t) { return t.theNewLevel3(); }, [](const TavloTagger& t) { return t.theNewLevel4(); },
+    [](const TavloTagger& t) { return t.theNewLevel5(); }, [](const TavloTagger& t) { return t.theNewLevel6(); },
+    [](const TavloTagger& t) { return t.theNewLevel7(); }, [](const TavloTagger& t) { return t.theNewLevel8(); },
+    [](const TavloTagger& t) { return t.theNewLevel9(); }, [](const TavloTagger& t) { return t.theNewLevel10(); },
+    [](const TavloTagger& t) { return t.theNewLevel11(); }};
+constexpr LevelSetter kLevelSetters[TavloTagger::kNewLevelCount] = {
+    [](TavloTagger& t, TavloString v) { t.setNewLevel1(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel2(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel3(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel4(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel5(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel6(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel7(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel8(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel9(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel10(std::move(v)); },
+    [](TavloTagger& t, TavloString v) { t.setNewLevel11(std::move(v)); }};
+
+constexpr int kStreamingLevelCount = 5;
+using ConfigLevelSetter = void (*)(TavloStreamingConfig&, TavloString);
+constexpr ConfigLevelSetter kConfigLevelSetters[kStreamingLevelCount] = {
+    [](TavloStreamingConfig& c, TavloString v) { c.setLevel1(std::move(v)); },
+    [](TavloStreamingConfig& c, TavloString v) { c.setLevel2(std::move(v)); },
+    [](TavloStreamingConfig& c, TavloString v) { c.setLevel3(std::move(v)); },
+    [](TavloStreamingConfig& c, TavloString v) { c.setLevel4(std::move(v)); },
+    [](TavloStreamingConfig& c, TavloString v) { c.setLevel5(std::move(v)); }};
+using StreamingLevelGetter = TavloString (*)(const TavloStreamingTagger&);
+constexpr StreamingLevelGetter kStreamingLevelGetters[kStreamingLevelCount] = {
+    [](const TavloStreamingTagger& t) { return t.level1(); }, [](const TavloStreamingTagger& t) { return t.level2(); },
+    [](const TavloStreamingTagger& t) { return t.level3(); }, [](const TavloStreamingTagger& t) { return t.level4(); },
+    [](const TavloStreamingTagger& t) { return t.level5(); }};
+
+// True, with an error line, when `index` is one of 1 ... `count`.
+bool inRange(int index, int count, const char* function) noexcept {
+  if (index >= 1 && index <= count) return true;
+  try {
+    logError(
+        function,
+        ("Level " + std::to_string(index) + " is not one of 1 to " + std::to_string(count) + ": nothing done").c_str());
+  } catch (...) {
+  }
+  return false;
+}
+
+// The C callbacks behind a streaming tagger's delegate. The C handle holds it strongly and
+// the tagger weakly, so the release runs when the handle lets go of it and no call of the
+// tagger is still using it: always after the last position call.
+class PositionCallback final : public TavloStreamingTaggerDelegate {
+ public:
+  PositionCallback(tavlo_position_fn position, tavlo_release_fn release, void* userData)
+      : position_(position), release_(release), userData_(userData) {}
+  ~PositionCallback() override {
+    if (!release_) return;
+    try {
+      release_(userData_);
+    } catch (...) {
+      logError("tavlo_release_fn", "The release callback threw: ignored");
+    }
+  }
+  PositionCallback(const PositionCallback&) = delete;
+  PositionCallback& operator=(const PositionCallback&) = delete;
+
+  bool suppliesPositions() const { return position_ != nullptr; }
+
+  // What the callback throws, the tagger logs and takes as an unknown position.
+  std::optional<int64_t> currentPositionForStreamingTagger(TavloStreamingTagger&) override {
+    int64_t position = TavloStreamingTaggerUnknownLocation;
+    if (!position_ || position_(userData_, &position) == 0) return std::nullopt;
+    return position;
+  }
+
+ private:
+  const tavlo_position_fn position_;
+  const tavlo_release_fn release_;
+  void* const userData_;
+};
+
+}  // namespace
+
+struct tavlo_tagger_t {
+  std::shared_ptr<TavloTagger> rep;
+};
+
+struct tavlo_audience_tagger_t {
+  tavlo_tagger_t tagger;
+  std::shared_ptr<TavloAudienceTagger> rep;
+};
+
+struct tavlo_streaming_tagger_t {
+  tavlo_tagger_t tagger;
+  std::shared_ptr<TavloStreamingTagger> rep;
+  std::mutex positionProtector;
+  std::shared_ptr<PositionCallback> position;  // guarded by positionProtector; the tagger's delegate
+};
+
+struct tavlo_streaming_config_t {
+  TavloStreamingConfig* rep;  // lives as long as the configuration callback runs
+};
+
+TavloPlatform TavloPlatformFromC(const tavlo_platform_t& platform) {
+  TavloPlatform installed = TavloPlatform::linuxDefaults(platform.application);
+  if (platform.endpointsBaseURL) installed.endpoints = TavloEndpoints::allAt(*platform.endpointsBaseURL);
+  return installed;
+}
+
+// The library, process-wide.
+
+const char* tavlo_version(void) noexcept { return TavloVersionString; }
+
+void tavlo_free(void* ptr) noexcept { std::free(ptr); }
+
+int64_t tavlo_logging_mode(void) noexcept {
+  return guard("tavlo_logging_mode", int64_t{TavloLoggingModeError},
+               [] { return TavloLogger::sharedLogger().loggingMode(); });
+}
+
+void tavlo_set_logging_mode(int64_t mode) noexcept {
+  guard("tavlo_set_logging_mode", [&] { TavloLogger::sharedLogger().setLoggingMode(mode); });
+}
+
+void tavlo_application_will_enter_foreground(void) noexcept {
+  guard("tavlo_application_will_enter_foreground", [] { TavloApplicationWillEnterForeground(); });
+}
+
+size_t tavlo_pending_hit_count(void) noexcept {
+  return guard("tavlo_pending_hit_count", size_t{0}, [] { return TavloPendingHitCount(); });
+}
+
+uint8_t tavlo_wait_for_pending_hits(double timeout_seconds) noexcept {
+  // Deadlines are computed on the steady clock: keep them finite and representable.
+  constexpr double kLongestWait = 1e9;
+  const double timeout = std::isnan(timeout_seconds) || timeout_seconds < 0 ? 0
+                         : timeout_seconds > kLongestWait                   ? kLongestWait
+                                                                            : timeout_seconds;
+  return guard("tavlo_wait_for_pending_hits", uint8_t{0},
+               [&] { return static_cast<uint8_t>(TavloWaitForPendingHits(timeout) ? 1 : 0); });
+}
+
+void tavlo_shutdown(void) noexcept {
+  guard("tavlo_shutdown", [] { TavloShutdown(); });
+}
+
+// Platform.
+
+tavlo_platform_t* tavlo_platform_create(void) noexcept {
+  return guard("tavlo_platform_create", static_cast<tavlo_platform_t*>(nullptr), [] { return new tavlo_platform_t(); });
+}
+
+void tavlo_platform_destroy(tavlo_platform_t* platform) noexcept { delete platform; }
+
+uint8_t tavlo_platform_set_application(tavlo_platform_t* platform, const char* name, const char* version) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_application";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    if (hasControlCharacter(name) || hasControlCharacter(version)) {
+      logError(kFunction, "The name or version holds a control character: the application stays as it was");
+      return 0;
+    }
+    TavloString newName = fromC(name);
+    TavloString newVersion = fromC(version);
+    platform->application.bundleName = std::move(newName);
+    platform->application.bundleVersion = std::move(newVersion);
+    return 1;
+  });
+}
+
+uint8_t tavlo_platform_set_endpoints_base_url(tavlo_platform_t* platform, const char* base_url) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_endpoints_base_url";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    if (!base_url || !isUsableBaseURL(base_url)) {
+      logError(kFunction, "The base URL is not an http or https address: the endpoints stay as they were");
+      return 0;
+    }
+    platform->endpointsBaseURL = std::string(base_url);
+    return 1;
+  });
+}
+
+uint8_t tavlo_platform_install(const tavlo_platform_t* platform) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_install";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    if (TavloAgent::sharedAgentIfMade()) {
+      logError(kFunction, "The library has started already: it keeps the platform it started with");
+      return 0;
+    }
+    TavloPlatform::install(TavloPlatformFromC(*platform));
+    return 1;
+  });
+}
+
+// Every tagger.
+
+char* tavlo_tagger_serial(const tavlo_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_tagger_serial", "tagger")) return nullptr;
+  return guard("tavlo_tagger_serial", static_cast<char*>(nullptr), [&] { return toC(tagger->rep->serial()); });
+}
+
+char* tavlo_tagger_customer_data(const tavlo_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_tagger_customer_data", "tagger")) return nullptr;
+  return guard("tavlo_tagger_customer_data", static_cast<char*>(nullptr),
+               [&] { return toC(tagger->rep->customerData()); });
+}
+
+uint8_t tavlo_tagger_can_send(const tavlo_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_tagger_can_send", "tagger")) return 0;
+  return guard("tavlo_tagger_can_send", uint8_t{0}, [&] { return static_cast<uint8_t>(tagger->rep->canSend()); });
+}
+
+char* tavlo_tagger_level(const tavlo_tagger_t* tagger, int index) noexcept {
+  static constexpr const char* kFunction = "tavlo_tagger_level";
+  if (!given(tagger, kFunction, "tagger") || !inRange(index, TavloTagger::kNewLevelCount, kFunction)) return nullptr;
+  return guard(kFunction, static_cast<char*>(nullptr), [&] { return toC(kLevelGetters[index - 1](*tagger->rep)); });
+}
+
+uint8_t tavlo_tagger_set_level(tavlo_tagger_t* tagger, int index, const char* value) noexcept {
+  static constexpr const char* kFunction = "tavlo_tagger_set_level";
+  if (!given(tagger, kFunction, "tagger") || !inRange(index, TavloTagger::kNewLevelCount, kFunction)) return 0;
+  return guard(kFunction, uint8_t{0}, [&] {
+    kLevelSetters[index - 1](*tagger->rep, fromC(value));
+    return uint8_t{1};
+  });
+}
+
+#define TAVLO_C_TAGGER_STRING_PROPERTY(cName, getter, setter)                                                      \
+  char* tavlo_tagger_##cName(const tavlo_tagger_t* tagger) noexcept {                                              \
+    if (!given(tagger, "tavlo_tagger_" #cName, "tagger")) return nullptr;                                          \
+    return guard("tavlo_tagger_" #cName, static_cast<char*>(nullptr), [&] { return toC(tagger->rep->getter()); }); \
+  }                                                                                                                \
+  void tavlo_tagger_set_##cName(tavlo_tagger_t* tagger, const char* value) noexcept {                              \
+    if (!given(tagger, "tavlo_tagger_set_" #cName, "tagger")) return;                                              \
+    guard("tavlo_tagger_set_" #cName, [&] { tagger->rep->setter(fromC(value)); });                                 \
+  }
+
+TAVLO_C_TAGGER_STRING_PROPERTY(media_content_id, mediaContentId, setMediaContentId)
+TAVLO_C_TAGGER_STRING_PROPERTY(media_diff_mode, mediaDiffMode, setMediaDiffMode)
+TAVLO_C_TAGGER_STRING_PROPERTY(media_channel, mediaChannel, setMediaChannel)
+TAVLO_C_TAGGER_STRING_PROPERTY(net_measurement, netMeasurement, setNetMeasurement)
+
+#undef TAVLO_C_TAGGER_STRING_PROPERTY
+
+uint8_t tavlo_tagger_use_idfa(const tavlo_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_tagger_use_idfa", "tagger")) return 0;
+  return guard("tavlo_tagger_use_idfa", uint8_t{0}, [&] { return static_cast<uint8_t>(tagger->rep->useIDFA()); });
+}
+
+void tavlo_tagger_set_use_idfa(tavlo_tagger_t* tagger, uint8_t use_idfa) noexcept {
+  if (!given(tagger, "tavlo_tagger_set_use_idfa", "tagger")) return;
+  guard("tavlo_tagger_set_use_idfa", [&] { tagger->rep->setUseIDFA(use_idfa != 0); });
+}
+
+int64_t tavlo_tagger_logging_mode(const tavlo_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_tagger_logging_mode", "tagger")) return -1;
+  return guard("tavlo_tagger_logging_mode", int64_t{-1}, [&] { return tagger->rep->loggingMode(); });
+}
+
+void tavlo_tagger_set_logging_mode(tavlo_tagger_t* tagger, int64_t mode) noexcept {
+  if (!given(tagger, "tavlo_tagger_set_logging_mode", "tagger")) return;
+  guard("tavlo_tagger_set_logging_mode", [&] { tagger->rep->setLoggingMode(mode); });
+}
+
+// Audience tagger.
+
+tavlo_audience_tagger_t* tavlo_audience_tagger_with_serial(const char* serial, const char* customer_data) noexcept {
+  static constexpr const char* kFunction = "tavlo_audience_tagger_with_serial";
+  return guard(kFunction, static_cast<tavlo_audience_tagger_t*>(nullptr), [&]() -> tavlo_audience_tagger_t* {
+    auto tagger = TavloAudienceTagger::TavloAudienceTaggerWithSerial(fromC(serial), fromC(customer_data));
+    if (!tagger) {
+      logError(kFunction, "No tagger could be made: no handle returned");
+      return nullptr;
+    }
+    auto* handle = new tavlo_audience_tagger_t();
+    handle->tagger.rep = tagger;
+    handle->rep = std::move(tagger);
+    return handle;
+  });
+}
+
+void tavlo_audience_tagger_release(tavlo_audience_tagger_t* tagger) noexcept { delete tagger; }
+
+tavlo_tagger_t* tavlo_audience_tagger_as_tagger(tavlo_audience_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_audience_tagger_as_tagger", "tagger")) return nullptr;
+  return &tagger->tagger;
+}
+
+void tavlo_audience_tagger_send_hit(tavlo_audience_tagger_t* tagger, const char* level1, const char* level2,
+                                    const char* level3, const char* level4) noexcept {
+  if (!given(tagger, "tavlo_audience_tagger_send_hit", "tagger")) return;
+  guard("tavlo_audience_tagger_send_hit",
+        [&] { tagger->rep->sendHitWithLevel1(fromC(level1), fromC(level2), fromC(level3), fromC(level4)); });
+}
+
+// Streaming configuration.
+
+uint8_t tavlo_streaming_config_set_level(tavlo_streaming_config_t* config, int index, const char* value) noexcept {
+  static constexpr const char* kFunction = "tavlo_streaming_config_set_level";
+  if (!given(config, kFunction, "configuration") || !inRange(index, kStreamingLevelCount, kFunction)) return 0;
+  return guard(kFunction, uint8_t{0}, [&] {
+    kConfigLevelSetters[index - 1](*config->rep, fromC(value));
+    return uint8_t{1};
+  });
+}
+
+void tavlo_streaming_config_set_customer_data(tavlo_streaming_config_t* config, const char* value) noexcept {
+  if (!given(config, "tavlo_streaming_config_set_customer_data", "configuration")) return;
+  guard("tavlo_streaming_config_set_customer_data", [&] { config->rep->setCustomerData(fromC(value)); });
+}
+
+void tavlo_streaming_config_set_media_genre(tavlo_streaming_config_t* config, const char* value) noexcept {
+  if (!given(config, "tavlo_streaming_config_set_media_genre", "configuration")) return;
+  guard("tavlo_streaming_config_set_media_genre", [&] { config->rep->setMediaGenre(fromC(value)); });
+}
+
+void tavlo_streaming_config_set_media_provider(tavlo_streaming_config_t* config, const char* value) noexcept {
+  if (!given(config, "tavlo_streaming_config_set_media_provider", "configuration")) return;
+  guard("tavlo_streaming_config_set_media_provider", [&] { config->rep->setMediaProvider(fromC(value)); });
+}
+
+// Streaming tagger.
+
+tavlo_streaming_tagger_t* tavlo_streaming_tagger_with_serial(const char* serial, const char* media_name,
+                                                             int64_t media_volume, const char* media_url,
+                                                             int64_t media_length, int streaming_type,
+                                                             tavlo_configure_fn configure, void* user_data) noexcept {
+  return guard("tavlo_streaming_tagger_with_serial", static_cast<tavlo_streaming_tagger_t*>(nullptr), [&] {
+    TavloStreamingTagger::ConfigurationBlock block;
+    if (configure) {
+      // The tagger catches what the callback throws and keeps what it set before.
+      block = [configure, user_data](TavloStreamingConfig& config) {
+        tavlo_streaming_config_t handle{&config};
+        configure(user_data, &handle);
+      };
+    }
+    // Any int is kept as given, as the C++ enumeration keeps any 64-bit value.
+    const auto type = static_cast<TavloStreamingType>(static_cast<uint64_t>(static_cast<int64_t>(streaming_type)));
+    auto handle = std::make_unique<tavlo_streaming_tagger_t>();
+    handle->rep = TavloStreamingTagger::TavloStreamingTaggerWithSerial(
+        fromC(serial), fromC(media_name), media_volume, fromC(media_url), media_length, type, std::move(block));
+    handle->tagger.rep = handle->rep;
+    return handle.release();
+  });
+}
+
+void tavlo_streaming_tagger_release(tavlo_streaming_tagger_t* tagger) noexcept {
+  if (!tagger) return;
+  guard("tavlo_streaming_tagger_release", [&] {
+    // The tagger first, so its timers stop and it asks the callback for nothing more.
+    tagger->tagger.rep.reset();
+    tagger->rep.reset();
+    std::shared_ptr<PositionCallback> position;
+    {
+      std::lock_guard lock(tagger->positionProtector);
+      position = std::move(tagger->position);
+    }
+  });
+  delete tagger;
+}
+
+tavlo_tagger_t* tavlo_streaming_tagger_as_tagger(tavlo_streaming_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_streaming_tagger_as_tagger", "tagger")) return nullptr;
+  return &tagger->tagger;
+}
+
+void tavlo_streaming_tagger_notify_event(tavlo_streaming_tagger_t* tagger, int event) noexcept {
+  if (!given(tagger, "tavlo_streaming_tagger_notify_event", "tagger")) return;
+  guard("tavlo_streaming_tagger_notify_event", [&] {
+    tagger->rep->notifyEvent(static_cast<TavloStreamingEvent>(static_cast<uint64_t>(static_cast<int64_t>(event))));
+  });
+}
+
+void tavlo_streaming_tagger_notify_event_at(tavlo_streaming_tagger_t* tagger, int event, int64_t position) noexcept {
+  if (!given(tagger, "tavlo_streaming_tagger_notify_event_at", "tagger")) return;
+  guard("tavlo_streaming_tagger_notify_event_at", [&] {
+    tagger->rep->notifyEvent(static_cast<TavloStreamingEvent>(static_cast<uint64_t>(static_cast<int64_t>(event))),
+                             position);
+  });
+}
+
+void tavlo_streaming_tagger_set_position_callback(tavlo_streaming_tagger_t* tagger, tavlo_position_fn position,
+                                                  tavlo_release_fn release, void* user_data) noexcept {
+  static constexpr const char* kFunction = "tavlo_streaming_tagger_set_position_callback";
+  // From here on the release is ours to call, whatever happens below.
+  std::shared_ptr<PositionCallback> callback;
+  try {
+    callback = std::make_shared<PositionCallback>(position, release, user_data);
+  } catch (...) {
+    logError(kFunction, "No memory for the callback: it is released unused");
+    if (release) {
+      try {
+        release(user_data);
+      } catch (...) {
+        logError("tavlo_release_fn", "The release callback threw: ignored");
+      }
+    }
+    return;
+  }
+  if (!given(tagger, kFunction, "tagger")) return;  // `callback` goes, and releases
+  guard(kFunction, [&] {
+    if (!callback->suppliesPositions()) callback.reset();
+    std::shared_ptr<PositionCallback> previous;
+    {
+      std::lock_guard lock(tagger->positionProtector);
+      previous = std::move(tagger->position);
+      tagger->position = callback;
+      tagger->rep->setDelegate(callback);
+    }
+    // `previous` and an unused `callback` release here, outside the lock.
+  });
+}
+
+int tavlo_streaming_tagger_sending_mode(const tavlo_streaming_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_streaming_tagger_sending_mode", "tagger")) return -1;
+  return guard("tavlo_streaming_tagger_sending_mode", -1, [&] { return static_cast<int>(tagger->rep->sendingMode()); });
+}
+
+uint8_t tavlo_streaming_tagger_set_sending_mode(tavlo_streaming_tagger_t* tagger, int mode) noexcept {
+  static constexpr const char* kFunction = "tavlo_streaming_tagger_set_sending_mode";
+  if (!given(tagger, kFunction, "tagger")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    const bool known =
+        mode == TavloSendingModeTimestamped || mode == TavloSendingModeLive || mode == TavloSendingModeDisconnected;
+    // The tagger logs an unknown mode itself; one that cannot send ignores every mode.
+    tagger->rep->setSendingMode(static_cast<TavloSendingMode>(mode));
+    return known && tagger->rep->canSend() ? 1 : 0;
+  });
+}
+
+int tavlo_streaming_tagger_current_mode(const tavlo_streaming_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_streaming_tagger_current_mode", "tagger")) return -1;
+  return guard("tavlo_streaming_tagger_current_mode", -1,
+               [&] { return static_cast<int>(tagger->rep->getCurrentMode()); });
+}
+
+int tavlo_streaming_tagger_streaming_type(const tavlo_streaming_tagger_t* tagger) noexcept {
+  if (!given(tagger, "tavlo_streaming_tagger_streaming_type", "tagger")) return -1;
+  return guard("tavlo_streaming_tagger_streaming_type", -1,
+               [&] { return static_cast<int>(static_cast<int64_t>(tagger->rep->streamingType())); });
+}
+
+char* tavlo_streaming_tagger_level(const tavlo_streaming_tagger_t* tagger, int index) noexcept {
+  static constexpr const char* kFunction = "tavlo_streaming_tagger_level";
+  if (!given(tagger, kFunction, "tagger") || !inRange(index, kStreamingLevelCount, kFunction)) return nullptr;
+  return guard(kFunction, static_cast<char*>(nullptr),
+               [&] { return toC(kStreamingLevelGetters[index - 1](*tagger->rep)); });
+}
+
+#define TAVLO_C_STREAMING_STRING_PROPERTY(cName, getter, setter)                                          \
+  char* tavlo_streaming_tagger_##cName(const tavlo_streaming_tagger_t* tagger) noexcept {                 \
+    if (!given(tagger, "tavlo_streaming_tagger_" #cName, "tagger")) return nullptr;                       \
+    return guard("tavlo_streaming_tagger_" #cName, static_cast<char*>(nullptr),                           \
+                 [&] { return toC(tagger->rep->getter()); });                                             \
+  }                                                                                                       \
+  void tavlo_streaming_tagger_set_##cName(tavlo_streaming_tagger_t* tagger, const char* value) noexcept { \
+    if (!given(tagger, "tavlo_streaming_tagger_set_" #cName, "tagger")) return;                           \
+    guard("tavlo_streaming_tagger_set_" #cName, [&] { tagger->rep->setter(fromC(value)); });              \
+  }
+
+TAVLO_C_STREAMING_STRING_PROPERTY(media_name, mediaName, setMediaName)
+TAVLO_C_STREAMING_STRING_PROPERTY(media_url, mediaURL, setMediaURL)
+TAVLO_C_STREAMING_STRING_PROPERTY(media_genre, mediaGenre, setMediaGenre)
+TAVLO_C_STREAMING_STRING_PROPERTY(media_provider, mediaProvider, setMediaProvider)
+
+#undef TAVLO_C_STREAMING_STRING_PROPERTY
+
+#define TAVLO_C_STREAMING_INTEGER_PROPERTY(cName, getter, setter)                                      \
+  int64_t tavlo_streaming_tagger_##cName(const tavlo_streaming_tagger_t* tagger) noexcept {            \
+    if (!given(tagger, "tavlo_streaming_tagger_" #cName, "tagger")) return 0;                          \
+    return guard("tavlo_streaming_tagger_" #cName, int64_t{0}, [&] { return tagger->rep->getter(); }); \
+  }                                                                                                    \
+  void tavlo_streaming_tagger_set_##cName(tavlo_streaming_tagger_t* tagger, int64_t value) noexcept {  \
+    if (!given(tagger, "tavlo_streaming_tagger_set_" #cName, "tagger")) return;                        \
+    guard("tavlo_streaming_tagger_set_" #cName, [&] { tagger->rep->setter(value); });                  \
+  }
+
+TAVLO_C_STREAMING_INTEGER_PROPERTY(media_volume, mediaVolume, setMediaVolume)
+TAVLO_C_STREAMING_INTEGER_PROPERTY(media_length, mediaLength, setMediaLength)
+
+#undef TAVLO_C_STREAMING_INTEGER_PROPERTY
