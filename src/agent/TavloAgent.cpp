@@ -1,5 +1,6 @@
 #include "agent/TavloAgent.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -183,6 +184,7 @@ void TavloAgent::loadRequests() {
   }
   while (requestQueue.size() > kMaximumQueueLength) requestQueue.pop_front();
   if (!requestQueue.empty()) requestQueue.push_back(TavloClearCache::make());
+  publishQueueLength();
 }
 
 // Saving is coalesced: a burst of changes (thousands of hits queued at once) schedules
@@ -247,6 +249,7 @@ void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
     }
     agent->requestQueue.push_back(request);
     if (agent->requestQueue.size() > kMaximumQueueLength) agent->requestQueue.pop_front();
+    agent->publishQueueLength();
     agent->saveRequests();
     agent->logCount();
     agent->signalLoop();
@@ -257,9 +260,9 @@ void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& req
   if (!request) return;
   TavloLogger::log("Removing request from queue", TavloLoggingModeInfo);
   std::erase_if(requestQueue, [&](const auto& queued) { return request->isEqual(*queued); });
+  publishQueueLength();
   saveRequests();
   logCount();
-  if (requestQueue.empty()) requestsCondition.notify_all();  // wakes waitUntilQueueEmpty, not the loop's logic
 }
 
 bool TavloAgent::headIsSendable() {
@@ -392,6 +395,7 @@ void TavloAgent::reachabilityStatusChanged() {
     // goes with them (its type reads audience). The file is rewritten at the next change.
     std::erase_if(agent->requestQueue,
                   [](const auto& queued) { return queued->requestType() == TavloRequestTypeAudience; });
+    agent->publishQueueLength();
     agent->signalLoop();
   });
 }
@@ -412,16 +416,33 @@ void TavloAgent::signalLoop() {
   requestsCondition.notify_all();
 }
 
+void TavloAgent::publishQueueLength() {
+  {
+    std::lock_guard lock(queueLengthProtector);
+    queueLength_ = requestQueue.size();
+  }
+  queueLengthChanged.notify_all();
+}
+
+size_t TavloAgent::pendingRequestCount() {
+  std::lock_guard lock(queueLengthProtector);
+  return queueLength_;
+}
+
 bool TavloAgent::waitUntilQueueEmpty(double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  // A wait that is not a number, or negative, is no wait; an absurdly long one is a day.
+  if (!(seconds > 0)) seconds = 0;
+  seconds = std::min(seconds, 86400.0);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                              std::chrono::duration<double>(seconds));
   // Hits handed over just before this call may still be on their way into the queue.
   auto handled = std::make_shared<std::promise<void>>();
   if (requestHandler.async([handled] { handled->set_value(); }) &&
       handled->get_future().wait_until(deadline) != std::future_status::ready) {
     return false;
   }
-  std::unique_lock lock(requestsProtector);
-  return requestsCondition.wait_until(lock, deadline, [&] { return requestQueue.empty(); });
+  std::unique_lock lock(queueLengthProtector);
+  return queueLengthChanged.wait_until(lock, deadline, [&] { return queueLength_ == 0; });
 }
 
 std::deque<std::shared_ptr<TavloRequest>> TavloAgent::TEST_queue() {

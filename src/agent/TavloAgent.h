@@ -126,7 +126,11 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// this agent listen for network changes.
   const std::shared_ptr<TavloNotificationCenter>& notificationCenter() const { return center_; }
 
-  /// Waits until the queue is empty, up to `seconds` of real time; true when empty.
+  /// The number of queued requests. Never waits for the send loop, even while it is in
+  /// the middle of an exchange.
+  size_t pendingRequestCount();
+  /// Waits until the queue is empty, up to `seconds` of real time (not a number or
+  /// negative: no wait; at most a day); true when empty. Never held up by an exchange.
   bool waitUntilQueueEmpty(double seconds);
 
   /// A snapshot of the queue, oldest first. For tests and tools.
@@ -149,6 +153,9 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void logCount();                                                       // REQUIRES: requestsProtector held
   /// Wakes the send loop to test its head again. REQUIRES: requestsProtector held.
   void signalLoop();
+  /// Copies the queue's length where readers need not wait for requestsProtector.
+  /// REQUIRES: requestsProtector held (taken before queueLengthProtector, never after).
+  void publishQueueLength();
 
   const TavloPlatform platform_;
   const std::shared_ptr<TavloAuthManager> authManager_;
@@ -173,6 +180,10 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   bool persistenceDisabled_ = false;                      // guarded by requestsProtector
   bool saveFailureLogged_ = false;                        // guarded by requestsProtector
   bool saveScheduled_ = false;                            // guarded by requestsProtector
+
+  std::mutex queueLengthProtector;
+  std::condition_variable queueLengthChanged;  // signalled under queueLengthProtector
+  size_t queueLength_ = 0;                     // guarded by queueLengthProtector
 
   std::mutex partialIDLocker;
   uint64_t partialID_ = 0;  // guarded by partialIDLocker

@@ -9,7 +9,7 @@ void TavloApplicationWillEnterForeground() {
 
 std::size_t TavloPendingHitCount() {
   const std::shared_ptr<TavloAgent> agent = TavloAgent::sharedAgentIfMade();
-  return agent ? agent->TEST_queue().size() : 0;
+  return agent ? agent->pendingRequestCount() : 0;
 }
 
 bool TavloWaitForPendingHits(double timeoutSeconds) {
