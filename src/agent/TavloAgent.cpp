@@ -7,6 +7,7 @@
 #include <future>
 
 #include "agent/TavloQueueLocation.h"
+#include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 #include "request/TavloClearCache.h"
 #include "request/TavloKeyedArchiver.h"
@@ -51,6 +52,7 @@ std::shared_ptr<TavloAgent> TavloAgent::sharedAgent() {
   // Never destroyed: the send loop may be in the middle of an exchange when the process
   // exits, and joining it from a static destructor would hold the exit up.
   static const std::shared_ptr<TavloAgent>* const shared = [] {
+    TavloMarkInstalledPlatformTaken();
     auto* agent = new std::shared_ptr<TavloAgent>(
         make(TavloPlatform::installed(), TavloAuthManager::manager(), TavloNotificationCenter::defaultCenter()));
     madeSharedAgent.store(agent->get());

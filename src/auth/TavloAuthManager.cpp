@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "platform/TavloHttpDate.h"
+#include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 #include "tagging/TavloText.h"
 
@@ -34,8 +35,10 @@ std::map<std::string, std::string> parseAnswer(const std::string& body) {
 }  // namespace
 
 std::shared_ptr<TavloAuthManager> TavloAuthManager::manager() {
-  static const std::shared_ptr<TavloAuthManager> shared =
-      std::make_shared<TavloAuthManager>(TavloPlatform::installed());
+  static const std::shared_ptr<TavloAuthManager> shared = [] {
+    TavloMarkInstalledPlatformTaken();
+    return std::make_shared<TavloAuthManager>(TavloPlatform::installed());
+  }();
   return shared;
 }
 

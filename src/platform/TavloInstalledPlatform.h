@@ -11,3 +11,7 @@
 /// read, no store opened). Never empty. Callable from any thread, also during static
 /// initialisation and after main returns.
 std::shared_ptr<TavloLogSink> TavloInstalledLogSink();
+
+/// Records that a process-wide singleton has taken the installed platform, so that a
+/// later TavloPlatform::install can say it comes too late for anything but the log sink.
+void TavloMarkInstalledPlatformTaken();

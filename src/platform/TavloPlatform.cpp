@@ -7,6 +7,7 @@
 #include "platform/TavloFileSecureStore.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLinuxDeviceInfo.h"
+#include "platform/TavloLogger.h"
 #include "platform/TavloMainLoopQueue.h"
 #include "platform/TavloNetlinkReachabilitySource.h"
 #include "platform/TavloPosixFileSystem.h"
@@ -23,6 +24,7 @@ struct InstalledState {
   std::optional<TavloPlatform> installed;   // guarded by protector
   std::optional<TavloPlatform> defaults;    // guarded by protector; made on first need
   std::shared_ptr<TavloLogSink> logSink;    // guarded by protector; the installed one
+  bool taken = false;                       // guarded by protector; a singleton uses `installed`
 };
 
 InstalledState& installedState() {
@@ -83,11 +85,27 @@ TavloPlatform TavloPlatform::linuxDefaults(const TavloApplicationInfo& applicati
   return platform;
 }
 
-void TavloPlatform::install(TavloPlatform platform) {
+void TavloMarkInstalledPlatformTaken() {
   InstalledState& state = installedState();
   std::lock_guard<std::mutex> lock(state.protector);
-  state.installed = platform.completedWith(defaultsLocked(state));
-  state.logSink = state.installed->logSink;
+  state.taken = true;
+}
+
+void TavloPlatform::install(TavloPlatform platform) {
+  InstalledState& state = installedState();
+  bool tooLate = false;
+  {
+    std::lock_guard<std::mutex> lock(state.protector);
+    state.installed = platform.completedWith(defaultsLocked(state));
+    state.logSink = state.installed->logSink;
+    tooLate = state.taken;
+  }
+  // Logged once the lock is released: the logger reads the sink under it.
+  if (tooLate) {
+    TavloLogger::log("TavloPlatform::install was called after the library started: only the log sink changes, "
+                     "the running agent keeps the platform it started with",
+                     TavloLoggingModeWarning);
+  }
 }
 
 TavloPlatform TavloPlatform::installed() {

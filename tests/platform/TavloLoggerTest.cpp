@@ -1,6 +1,7 @@
 #include <limits>
 
 #include "support/TavloLoggingFixture.h"
+#include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 
 namespace {
@@ -47,6 +48,15 @@ TEST_F(TavloLogger_, StartsWithErrorsOnlyAndFollowsTheInstalledSink) {
   TavloLogger::log("to the new sink", TavloLoggingModeError);
   EXPECT_TRUE(other.logSink->contains("(ERROR) : to the new sink"));
   EXPECT_FALSE(test.logSink->contains("to the new sink"));
+}
+
+TEST_F(TavloLogger_, InstallingAfterTheLibraryStartedSaysItComesTooLate) {
+  TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeWarning);
+  TavloPlatform::install(test.platform);
+  EXPECT_FALSE(test.logSink->contains("called after the library started")) << "nothing has started yet";
+  TavloMarkInstalledPlatformTaken();
+  TavloPlatform::install(test.platform);
+  EXPECT_TRUE(test.logSink->contains("(WARNING) : TavloPlatform::install was called after the library started"));
 }
 
 }  // namespace
