@@ -43,12 +43,6 @@ void TavloSerialQueue::run() {
       task = std::move(tasks_.front());
       tasks_.pop_front();
     }
-    try {
-      task();
-    } catch (const std::exception& error) {
-      TavloLogger::log(label_ + ": a task failed and was skipped: " + error.what(), 2);
-    } catch (...) {
-      TavloLogger::log(label_ + ": a task failed and was skipped", 2);
-    }
+    TavloLogger::runReportingFailures(label_, task);
   }
 }

@@ -32,3 +32,14 @@ void TavloLogger::log(const std::string& message, int64_t mode) {
   line.append("(").append(levelWord(mode)).append(") : ").append(message);
   sink->writeLine(line);
 }
+
+void TavloLogger::runReportingFailures(const std::string& queue, const std::function<void()>& task) {
+  try {
+    task();
+  } catch (const std::exception& failure) {
+    log("A " + queue + " task threw (" + failure.what() + "); it was dropped and the queue goes on",
+        TavloLoggingModeError);
+  } catch (...) {
+    log("A " + queue + " task threw an unknown exception; it was dropped and the queue goes on", TavloLoggingModeError);
+  }
+}

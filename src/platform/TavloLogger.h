@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -32,6 +33,10 @@ class TavloLogger {
 
   /// The level word printed for `mode`: "INFO", "WARNING", "ERROR", or "" for any other.
   static const char* levelWord(int64_t mode);
+
+  /// Runs `task`; if it throws, logs "A <queue> task threw (...); it was dropped and the
+  /// queue goes on" at error level instead of letting the exception end the queue's thread.
+  static void runReportingFailures(const std::string& queue, const std::function<void()>& task);
 
   int64_t loggingMode() const { return loggingMode_.load(std::memory_order_relaxed); }
   void setLoggingMode(int64_t mode) { loggingMode_.store(mode, std::memory_order_relaxed); }

@@ -25,17 +25,6 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr double kShortestInterval = 0.0001;
 constexpr double kLongestInterval = 1e9;
 
-void runLoggingFailures(const std::function<void()>& task) {
-  try {
-    task();
-  } catch (const std::exception& failure) {
-    TavloLogger::log(std::string("A main queue task threw (") + failure.what() + "); it was dropped and the queue goes on",
-                     TavloLoggingModeError);
-  } catch (...) {
-    TavloLogger::log("A main queue task threw an unknown exception; it was dropped and the queue goes on",
-                     TavloLoggingModeError);
-  }
-}
 
 }  // namespace
 
@@ -224,7 +213,7 @@ void TavloMainLoopQueue::run(const std::shared_ptr<State>& shared) {
       const bool stopping = state->stopping;
       lock.unlock();
       if (stopping) break;
-      runLoggingFailures(task);
+      TavloLogger::runReportingFailures("main queue", task);
       task = nullptr;  // destroy what it captured before the next one runs
     }
     batch.clear();
@@ -234,7 +223,7 @@ void TavloMainLoopQueue::run(const std::shared_ptr<State>& shared) {
       auto timerTask = state->takeDueTimer(SteadyClock::now());
       if (!timerTask) break;
       lock.unlock();
-      runLoggingFailures(*timerTask);
+      TavloLogger::runReportingFailures("main queue", *timerTask);
       timerTask.reset();
       lock.lock();
     }

@@ -20,19 +20,6 @@ int64_t nanosecondsOf(double seconds) {
   return std::llround(seconds * kNanosecondsPerSecond);
 }
 
-// The real queue swallows and logs what a task throws; so does this one, so a test
-// sees the behaviour the library will meet on a box.
-void runLoggingFailures(const std::function<void()>& task) {
-  try {
-    task();
-  } catch (const std::exception& failure) {
-    TavloLogger::log(std::string("A main queue task threw (") + failure.what() + "); it was dropped and the queue goes on",
-                     TavloLoggingModeError);
-  } catch (...) {
-    TavloLogger::log("A main queue task threw an unknown exception; it was dropped and the queue goes on",
-                     TavloLoggingModeError);
-  }
-}
 
 }  // namespace
 
@@ -124,7 +111,7 @@ size_t TavloManualMainQueue::advanceBy(double seconds) {
       task = takeDueLocked(until);
     }
     if (!task) break;
-    runLoggingFailures(*task);
+    TavloLogger::runReportingFailures("main queue", *task);
     ++ran;
   }
   std::lock_guard<std::mutex> lock(protector);
