@@ -1,5 +1,6 @@
 #include "request/TavloRequest.h"
 
+#include "tagging/TavloLocked.h"
 #include "request/TavloKeyedArchiver.h"
 #include "request/TavloKeyedUnarchiver.h"
 #include "tagging/TavloStringHash.h"
@@ -73,99 +74,59 @@ TavloRequest::TavloRequest(std::shared_ptr<const TavloParameters> parameters, in
       serial_(std::move(serial)),
       creationDate_(creationDate) {}
 
-std::shared_ptr<const TavloParameters> TavloRequest::parameters() const {
-  std::lock_guard lock(mutex_);
-  return parameters_;
-}
+std::shared_ptr<const TavloParameters> TavloRequest::parameters() const { return TavloLockedRead(mutex_, parameters_); }
 
 void TavloRequest::replaceParameters(std::shared_ptr<const TavloParameters> parameters) {
   std::lock_guard lock(mutex_);
   parameters_ = std::move(parameters);
 }
 
-int32_t TavloRequest::requestType() const {
-  std::lock_guard lock(mutex_);
-  return requestType_;
-}
+int32_t TavloRequest::requestType() const { return TavloLockedRead(mutex_, requestType_); }
 
-int64_t TavloRequest::sendingMode() const {
-  std::lock_guard lock(mutex_);
-  return sendingMode_;
-}
+int64_t TavloRequest::sendingMode() const { return TavloLockedRead(mutex_, sendingMode_); }
 
-std::shared_ptr<TavloTaggerID> TavloRequest::taggerID() const {
-  std::lock_guard lock(mutex_);
-  return taggerID_;
-}
+std::shared_ptr<TavloTaggerID> TavloRequest::taggerID() const { return TavloLockedRead(mutex_, taggerID_); }
 
-TavloString TavloRequest::serial() const {
-  std::lock_guard lock(mutex_);
-  return serial_;
-}
+TavloString TavloRequest::serial() const { return TavloLockedRead(mutex_, serial_); }
 
 void TavloRequest::setSerial(TavloString serial) {
-  std::lock_guard lock(mutex_);
-  serial_ = std::move(serial);
+  TavloLockedWrite(mutex_, serial_, std::move(serial));
 }
 
-std::optional<TavloDate> TavloRequest::lastFail() const {
-  std::lock_guard lock(mutex_);
-  return lastFail_;
-}
+std::optional<TavloDate> TavloRequest::lastFail() const { return TavloLockedRead(mutex_, lastFail_); }
 
 void TavloRequest::setLastFail(std::optional<TavloDate> date) {
-  std::lock_guard lock(mutex_);
-  lastFail_ = date;
+  TavloLockedWrite(mutex_, lastFail_, date);
 }
 
-std::optional<TavloDate> TavloRequest::creationDate() const {
-  std::lock_guard lock(mutex_);
-  return creationDate_;
-}
+std::optional<TavloDate> TavloRequest::creationDate() const { return TavloLockedRead(mutex_, creationDate_); }
 
 void TavloRequest::setCreationDate(std::optional<TavloDate> date) {
-  std::lock_guard lock(mutex_);
-  creationDate_ = date;
+  TavloLockedWrite(mutex_, creationDate_, date);
 }
 
-int64_t TavloRequest::numberOfFails() const {
-  std::lock_guard lock(mutex_);
-  return numberOfFails_;
-}
+int64_t TavloRequest::numberOfFails() const { return TavloLockedRead(mutex_, numberOfFails_); }
 
 void TavloRequest::setNumberOfFails(int64_t count) {
-  std::lock_guard lock(mutex_);
-  numberOfFails_ = count;
+  TavloLockedWrite(mutex_, numberOfFails_, count);
 }
 
-int32_t TavloRequest::status() const {
-  std::lock_guard lock(mutex_);
-  return status_;
-}
+int32_t TavloRequest::status() const { return TavloLockedRead(mutex_, status_); }
 
 void TavloRequest::setStatus(int32_t status) {
-  std::lock_guard lock(mutex_);
-  status_ = status;
+  TavloLockedWrite(mutex_, status_, status);
 }
 
-bool TavloRequest::shouldRenewSessionAfter() const {
-  std::lock_guard lock(mutex_);
-  return shouldRenewSessionAfter_;
-}
+bool TavloRequest::shouldRenewSessionAfter() const { return TavloLockedRead(mutex_, shouldRenewSessionAfter_); }
 
 void TavloRequest::setShouldRenewSessionAfter(bool renew) {
-  std::lock_guard lock(mutex_);
-  shouldRenewSessionAfter_ = renew;
+  TavloLockedWrite(mutex_, shouldRenewSessionAfter_, renew);
 }
 
-std::shared_ptr<TavloAuth> TavloRequest::auth() const {
-  std::lock_guard lock(mutex_);
-  return auth_;
-}
+std::shared_ptr<TavloAuth> TavloRequest::auth() const { return TavloLockedRead(mutex_, auth_); }
 
 void TavloRequest::setAuth(std::shared_ptr<TavloAuth> auth) {
-  std::lock_guard lock(mutex_);
-  auth_ = std::move(auth);
+  TavloLockedWrite(mutex_, auth_, std::move(auth));
 }
 
 std::shared_ptr<TavloRequest> TavloRequest::copy() const {

@@ -4,6 +4,7 @@
 #include <exception>
 #include <string_view>
 
+#include "tagging/TavloLocked.h"
 #include "agent/TavloAgent.h"
 #include "platform/TavloLogger.h"
 #include "platform/TavloNotificationCenter.h"
@@ -193,10 +194,7 @@ void TavloStreamingTagger::reachabilityStatusChanged() {
 
 // Properties.
 
-TavloString TavloStreamingTagger::mediaName() const {
-  std::lock_guard lock(stateProtector);
-  return mediaName_;
-}
+TavloString TavloStreamingTagger::mediaName() const { return TavloLockedRead(stateProtector, mediaName_); }
 
 void TavloStreamingTagger::setMediaName(const TavloString& mediaName) {
   if (!mediaName || mediaName->empty()) return;
@@ -204,10 +202,7 @@ void TavloStreamingTagger::setMediaName(const TavloString& mediaName) {
   mediaName_ = mediaName;
 }
 
-TavloString TavloStreamingTagger::mediaURL() const {
-  std::lock_guard lock(stateProtector);
-  return mediaURL_;
-}
+TavloString TavloStreamingTagger::mediaURL() const { return TavloLockedRead(stateProtector, mediaURL_); }
 
 void TavloStreamingTagger::setMediaURL(const TavloString& mediaURL) {
   if (!mediaURL || mediaURL->empty()) return;
@@ -215,44 +210,28 @@ void TavloStreamingTagger::setMediaURL(const TavloString& mediaURL) {
   mediaURL_ = mediaURL;
 }
 
-TavloString TavloStreamingTagger::mediaGenre() const {
-  std::lock_guard lock(stateProtector);
-  return mediaGenre_;
-}
+TavloString TavloStreamingTagger::mediaGenre() const { return TavloLockedRead(stateProtector, mediaGenre_); }
 
 void TavloStreamingTagger::setMediaGenre(TavloString mediaGenre) {
-  std::lock_guard lock(stateProtector);
-  mediaGenre_ = std::move(mediaGenre);
+  TavloLockedWrite(stateProtector, mediaGenre_, std::move(mediaGenre));
 }
 
-TavloString TavloStreamingTagger::mediaProvider() const {
-  std::lock_guard lock(stateProtector);
-  return mediaProvider_;
-}
+TavloString TavloStreamingTagger::mediaProvider() const { return TavloLockedRead(stateProtector, mediaProvider_); }
 
 void TavloStreamingTagger::setMediaProvider(TavloString mediaProvider) {
-  std::lock_guard lock(stateProtector);
-  mediaProvider_ = std::move(mediaProvider);
+  TavloLockedWrite(stateProtector, mediaProvider_, std::move(mediaProvider));
 }
 
-int64_t TavloStreamingTagger::mediaVolume() const {
-  std::lock_guard lock(stateProtector);
-  return mediaVolume_;
-}
+int64_t TavloStreamingTagger::mediaVolume() const { return TavloLockedRead(stateProtector, mediaVolume_); }
 
 void TavloStreamingTagger::setMediaVolume(int64_t mediaVolume) {
-  std::lock_guard lock(stateProtector);
-  mediaVolume_ = mediaVolume;
+  TavloLockedWrite(stateProtector, mediaVolume_, mediaVolume);
 }
 
-int64_t TavloStreamingTagger::mediaLength() const {
-  std::lock_guard lock(stateProtector);
-  return mediaLength_;
-}
+int64_t TavloStreamingTagger::mediaLength() const { return TavloLockedRead(stateProtector, mediaLength_); }
 
 void TavloStreamingTagger::setMediaLength(int64_t mediaLength) {
-  std::lock_guard lock(stateProtector);
-  mediaLength_ = mediaLength;
+  TavloLockedWrite(stateProtector, mediaLength_, mediaLength);
 }
 
 std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::delegate() const {
@@ -261,14 +240,10 @@ std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::delegate() c
 }
 
 void TavloStreamingTagger::setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate) {
-  std::lock_guard lock(stateProtector);
-  delegate_ = std::move(delegate);
+  TavloLockedWrite(stateProtector, delegate_, std::move(delegate));
 }
 
-TavloSendingMode TavloStreamingTagger::sendingMode() const {
-  std::lock_guard lock(stateProtector);
-  return sendingMode_;
-}
+TavloSendingMode TavloStreamingTagger::sendingMode() const { return TavloLockedRead(stateProtector, sendingMode_); }
 
 void TavloStreamingTagger::setSendingMode(TavloSendingMode sendingMode) {
   if (!canSend()) return;

@@ -1,5 +1,6 @@
 #include "tavlo/TavloTagger.h"
 
+#include "tagging/TavloLocked.h"
 #include "agent/TavloDefaultParameters.h"
 #include "platform/TavloLogger.h"
 
@@ -13,30 +14,19 @@ std::string TavloTagger::TavloVersion() { return TavloDefaultParameters::TavloVe
 TavloString TavloTagger::serial() const { return serial_; }
 TavloString TavloTagger::customerData() const { return customerData_; }
 
-bool TavloTagger::canSend() const {
-  std::lock_guard lock(mutex_);
-  return canSend_;
-}
+bool TavloTagger::canSend() const { return TavloLockedRead(mutex_, canSend_); }
 
 void TavloTagger::setCanSend(bool canSend) {
-  std::lock_guard lock(mutex_);
-  canSend_ = canSend;
+  TavloLockedWrite(mutex_, canSend_, canSend);
 }
 
-bool TavloTagger::useIDFA() const {
-  std::lock_guard lock(mutex_);
-  return useIDFA_;
-}
+bool TavloTagger::useIDFA() const { return TavloLockedRead(mutex_, useIDFA_); }
 
 void TavloTagger::setUseIDFA(bool useIDFA) {
-  std::lock_guard lock(mutex_);
-  useIDFA_ = useIDFA;
+  TavloLockedWrite(mutex_, useIDFA_, useIDFA);
 }
 
-int64_t TavloTagger::loggingMode() const {
-  std::lock_guard lock(mutex_);
-  return loggingMode_;
-}
+int64_t TavloTagger::loggingMode() const { return TavloLockedRead(mutex_, loggingMode_); }
 
 void TavloTagger::setLoggingMode(int64_t mode) {
   {
