@@ -4,31 +4,13 @@
 #include <cmath>
 #include <cstdio>
 
+#include "tagging/TavloCalendar.h"
+
 namespace {
 
 // Dates a four-digit year can show: 0001-01-01T00:00:00Z up to the end of 9999.
 constexpr double kFirstShownDate = -62135596800.0;
 constexpr double kEndOfShownDates = 253402300800.0;
-
-struct CivilDate {
-  int64_t year;
-  unsigned month;
-  unsigned day;
-};
-
-// The Gregorian date of a day count since 1970-01-01 (Howard Hinnant's algorithm), so that
-// dates far from today never go through the C library's time_t limits.
-CivilDate civilFromDays(int64_t days) {
-  days += 719468;
-  const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-  const auto dayOfEra = static_cast<unsigned>(days - era * 146097);
-  const unsigned yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-  const unsigned dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-  const unsigned shiftedMonth = (5 * dayOfYear + 2) / 153;
-  const unsigned day = dayOfYear - (153 * shiftedMonth + 2) / 5 + 1;
-  const unsigned month = shiftedMonth < 10 ? shiftedMonth + 3 : shiftedMonth - 9;
-  return {static_cast<int64_t>(yearOfEra) + era * 400 + (month <= 2 ? 1 : 0), month, day};
-}
 
 int64_t floorDivide(int64_t value, int64_t divisor) {
   const int64_t quotient = value / divisor;
@@ -154,7 +136,7 @@ std::optional<std::string> TavloISO8601(double secondsSince1970) {
   const int64_t fraction = milliseconds - seconds * 1000;
   const int64_t days = floorDivide(seconds, 86400);
   const int64_t secondOfDay = seconds - days * 86400;
-  const CivilDate date = civilFromDays(days);
+  const TavloCivilDate date = TavloCivilDateFromDays(days);
   if (date.year < 1 || date.year > 9999) return std::nullopt;  // rounding up past the last shown date
 
   char text[40];

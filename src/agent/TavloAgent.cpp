@@ -13,6 +13,7 @@
 #include "request/TavloKeyedArchiver.h"
 #include "request/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
+#include "tagging/TavloCalendar.h"
 #include "tavlo/TavloAudienceTagger.h"
 
 namespace {
@@ -21,25 +22,9 @@ constexpr size_t kMaximumQueueLength = 500;
 constexpr double kRetryInterval = 60;
 constexpr double kSendTimeout = 10;
 
-struct CivilDay {
-  int64_t year;
-  unsigned month, day;
-  bool operator==(const CivilDay&) const = default;
-};
-
-// The Gregorian calendar day of `localSeconds` (seconds since 1970 in local time), by
-// Howard Hinnant's days-to-civil algorithm.
-CivilDay civilDayOf(double localSeconds) {
-  const int64_t days = static_cast<int64_t>(std::floor(localSeconds / 86400.0));
-  const int64_t z = days + 719468;
-  const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-  const auto doe = static_cast<unsigned>(z - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  const unsigned day = doy - (153 * mp + 2) / 5 + 1;
-  const unsigned month = mp < 10 ? mp + 3 : mp - 9;
-  return {static_cast<int64_t>(yoe) + era * 400 + (month <= 2), month, day};
+// The calendar day of `localSeconds` (seconds since 1970 in local time).
+TavloCivilDate civilDayOf(double localSeconds) {
+  return TavloCivilDateFromDays(static_cast<int64_t>(std::floor(localSeconds / 86400.0)));
 }
 
 }  // namespace
@@ -380,8 +365,8 @@ bool TavloAgent::isTheRequestValid(const TavloRequest& request) {
   if (created - now <= 5.0) return true;
   // A request dated ahead of now is valid only on the same calendar day as now. (The
   // next-day allowance before 3 a.m. never applies: it is deliberately left out.)
-  const CivilDay today = civilDayOf(now + static_cast<double>(platform_.clock->utcOffsetAt(now)));
-  const CivilDay createdDay = civilDayOf(created + static_cast<double>(platform_.clock->utcOffsetAt(created)));
+  const TavloCivilDate today = civilDayOf(now + static_cast<double>(platform_.clock->utcOffsetAt(now)));
+  const TavloCivilDate createdDay = civilDayOf(created + static_cast<double>(platform_.clock->utcOffsetAt(created)));
   return today == createdDay;
 }
 

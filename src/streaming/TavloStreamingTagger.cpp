@@ -4,12 +4,12 @@
 #include <exception>
 #include <string_view>
 
-#include "tagging/TavloLocked.h"
 #include "agent/TavloAgent.h"
 #include "platform/TavloLogger.h"
 #include "platform/TavloNotificationCenter.h"
 #include "platform/TavloReachability.h"
 #include "request/TavloRequest.h"
+#include "tagging/TavloLocked.h"
 #include "streaming/TavloTimer.h"
 #include "tagging/TavloTaggerID.h"
 #include "tavlo/TavloAudienceTagger.h"
