@@ -5,16 +5,6 @@
 
 #include "TavloToolText.h"
 
-namespace {
-
-void appendEscape(std::string& out, char32_t c) {
-  char escape[8];
-  std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(c));
-  out += escape;
-}
-
-}  // namespace
-
 std::string TavloJsonWriter::quoted(std::string_view text) {
   std::string out = "\"";
   std::size_t position = 0;
@@ -22,7 +12,7 @@ std::string TavloJsonWriter::quoted(std::string_view text) {
     const std::size_t start = position;
     const std::optional<char32_t> c = TavloNextCodePoint(text, position);
     if (!c) {
-      appendEscape(out, 0xFFFD);
+      TavloAppendUnicodeEscape(out, 0xFFFD);
     } else if (*c == '"') {
       out += "\\\"";
     } else if (*c == '\\') {
@@ -38,7 +28,7 @@ std::string TavloJsonWriter::quoted(std::string_view text) {
     } else if (*c == '\f') {
       out += "\\f";
     } else if (*c < 0x20 || (*c >= 0x7F && *c <= 0x9F) || *c == 0x2028 || *c == 0x2029) {
-      appendEscape(out, *c);
+      TavloAppendUnicodeEscape(out, *c);
     } else {
       out.append(text.substr(start, position - start));  // well-formed: copied byte for byte
     }

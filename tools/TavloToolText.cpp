@@ -17,81 +17,18 @@ int64_t floorDivide(int64_t value, int64_t divisor) {
   return (value % divisor != 0 && value < 0) ? quotient - 1 : quotient;
 }
 
-void appendEscapedCodePoint(std::string& out, char32_t c) {
-  char escape[8];
-  std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(c));
-  out += escape;
-}
-
 // Characters that would act on the terminal or hide the text around them: C0 and C1
 // controls, DEL, and the bidirectional overrides and isolates that reorder what is shown.
 bool isInvisibleControl(char32_t c) {
   return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
 }
 
-void appendUTF8(std::string& out, char32_t c) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-}
-
 }  // namespace
 
-std::optional<char32_t> TavloNextCodePoint(std::string_view text, std::size_t& position) {
-  if (position >= text.size()) return std::nullopt;
-  const auto byteAt = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byteAt(position);
-  if (lead < 0x80) {
-    ++position;
-    return lead;
-  }
-  std::size_t length = 0;
-  char32_t value = 0;
-  // The range allowed for the second byte is narrower after some leads: that is what
-  // rules out overlong forms (E0, F0), surrogates (ED) and values past U+10FFFF (F4).
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-    value = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    value = lead & 0x0F;
-    if (lead == 0xE0) low = 0xA0;
-    if (lead == 0xED) high = 0x9F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    value = lead & 0x07;
-    if (lead == 0xF0) low = 0x90;
-    if (lead == 0xF4) high = 0x8F;
-  } else {
-    ++position;
-    return std::nullopt;
-  }
-  std::size_t next = position + 1;
-  for (std::size_t k = 1; k < length; ++k, ++next) {
-    if (next >= text.size() || byteAt(next) < low || byteAt(next) > high) {
-      position = next;
-      return std::nullopt;
-    }
-    value = (value << 6) | (byteAt(next) & 0x3F);
-    low = 0x80;
-    high = 0xBF;
-  }
-  position = next;
-  return value;
+void TavloAppendUnicodeEscape(std::string& out, char32_t c) {
+  char escape[8];
+  std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(c));
+  out += escape;
 }
 
 std::string TavloPrintable(std::string_view text) {
@@ -116,9 +53,9 @@ std::string TavloPrintable(std::string_view text) {
     } else if (*c == '\t') {
       out += "\\t";
     } else if (isInvisibleControl(*c)) {
-      appendEscapedCodePoint(out, *c);
+      TavloAppendUnicodeEscape(out, *c);
     } else {
-      appendUTF8(out, *c);
+      out.append(text.substr(start, position - start));  // well-formed: copied byte for byte
     }
   }
   out += '"';

@@ -9,12 +9,10 @@
 #include <string>
 #include <string_view>
 
-/// Reads one character of `text` at `position` and moves `position` past it. A
-/// well-formed UTF-8 sequence gives its code point. Anything else (a stray continuation
-/// byte, an overlong form, a surrogate, a value above U+10FFFF, a sequence cut short)
-/// gives nothing and skips the longest start of a valid sequence found there, at least one
-/// byte: the "maximal subpart" rule, so each damaged stretch becomes one replacement.
-std::optional<char32_t> TavloNextCodePoint(std::string_view text, std::size_t& position);
+#include "tagging/TavloText.h"  // TavloNextCodePoint
+
+/// Appends `c` as a JSON/C-style escape, "\\u" and four upper-case hexadecimal digits.
+void TavloAppendUnicodeEscape(std::string& out, char32_t c);
 
 /// `text` between double quotes, safe for a terminal: printable characters as they are,
 /// `"` and `\` behind a backslash, \n \r \t, other C0 and C1 controls and DEL as \u00XX,

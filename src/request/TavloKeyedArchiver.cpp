@@ -4,63 +4,27 @@
 #include <exception>
 #include <string_view>
 
+#include "tagging/TavloText.h"
+
 namespace {
 
 constexpr uint64_t kArchiveVersion = 100000;
 constexpr uint64_t kNullUID = 0;
 const char kReplacementCharacter[] = "\xEF\xBF\xBD";  // U+FFFD
 
-// Length of the well-formed UTF-8 sequence that starts at `i`, or 0 if there is none
-// (stray continuation bytes, overlong forms, surrogates, values past U+10FFFF, NUL).
-std::size_t wellFormedSequenceLength(std::string_view text, std::size_t i) {
-  const auto byteAt = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
-  const unsigned char lead = byteAt(i);
-  if (lead >= 0x01 && lead <= 0x7F) return 1;
-  std::size_t length = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    if (lead == 0xE0) low = 0xA0;
-    if (lead == 0xED) high = 0x9F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    if (lead == 0xF0) low = 0x90;
-    if (lead == 0xF4) high = 0x8F;
-  } else {
-    return 0;
-  }
-  if (text.size() - i < length) return 0;
-  if (byteAt(i + 1) < low || byteAt(i + 1) > high) return 0;
-  for (std::size_t k = 2; k < length; ++k) {
-    if ((byteAt(i + k) & 0xC0) != 0x80) return 0;
-  }
-  return length;
-}
-
 // libplist takes strings as C strings and re-encodes non-ASCII text as UTF-16 without
 // checking it: a NUL would cut the string short and a malformed sequence comes back as
 // unrelated characters, or vanishes. Replacing each bad byte with U+FFFD keeps the rest.
 std::string plistText(const std::string& text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const std::size_t length = wellFormedSequenceLength(text, i);
-    if (length == 0) break;
-    i += length;
-  }
-  if (i == text.size()) return text;
-
-  std::string repaired = text.substr(0, i);
-  while (i < text.size()) {
-    const std::size_t length = wellFormedSequenceLength(text, i);
-    if (length == 0) {
-      repaired += kReplacementCharacter;
-      ++i;
+  if (TavloIsValidUTF8(text) && text.find('\0') == std::string::npos) return text;
+  std::string repaired;
+  for (std::size_t position = 0; position < text.size();) {
+    const std::size_t start = position;
+    const std::optional<char32_t> c = TavloNextCodePoint(text, position);
+    if (c && *c != 0) {
+      repaired.append(text, start, position - start);
     } else {
-      repaired.append(text, i, length);
-      i += length;
+      for (std::size_t i = start; i < position; ++i) repaired += kReplacementCharacter;
     }
   }
   return repaired;

@@ -1,91 +1,90 @@
 #include "tagging/TavloText.h"
 
+#include <algorithm>
+
+std::optional<char32_t> TavloNextCodePoint(std::string_view text, std::size_t& position) {
+  if (position >= text.size()) return std::nullopt;
+  const auto byteAt = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byteAt(position);
+  if (lead < 0x80) {
+    ++position;
+    return lead;
+  }
+  std::size_t length = 0;
+  char32_t value = 0;
+  // The range allowed for the second byte is narrower after some leads: that is what
+  // rules out overlong forms (E0, F0), surrogates (ED) and values past U+10FFFF (F4).
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+    value = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    value = lead & 0x0F;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    value = lead & 0x07;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    ++position;
+    return std::nullopt;
+  }
+  std::size_t next = position + 1;
+  for (std::size_t k = 1; k < length; ++k, ++next) {
+    if (next >= text.size() || byteAt(next) < low || byteAt(next) > high) {
+      position = next;
+      return std::nullopt;
+    }
+    value = (value << 6) | (byteAt(next) & 0x3F);
+    low = 0x80;
+    high = 0xBF;
+  }
+  position = next;
+  return value;
+}
+
 bool TavloIsValidUTF8(std::string_view text) {
-  size_t i = 0;
-  const size_t n = text.size();
-  while (i < n) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    size_t length;
-    char32_t codePoint;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      length = 2;
-      codePoint = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      length = 3;
-      codePoint = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      length = 4;
-      codePoint = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + length > n) return false;
-    for (size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      codePoint = (codePoint << 6) | (next & 0x3F);
-    }
-    const char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (codePoint < smallest[length] || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
-      return false;
-    }
-    i += length;
+  for (size_t position = 0; position < text.size();) {
+    if (!TavloNextCodePoint(text, position)) return false;
   }
   return true;
 }
 
-namespace {
-// Length in bytes of the well-formed UTF-8 sequence at `text[i]`, with its code point;
-// 0 when the bytes there are malformed.
-size_t sequenceAt(std::string_view text, size_t i, char32_t& codePoint) {
-  const size_t rest = text.size() - i;
-  size_t length = 1;
-  while (length <= 4 && length <= rest) {
-    if (TavloIsValidUTF8(text.substr(i, length))) break;
-    ++length;
-  }
-  if (length > 4 || length > rest) return 0;
-  const auto lead = static_cast<unsigned char>(text[i]);
-  codePoint = length == 1 ? lead : lead & (0x7F >> length);
-  for (size_t k = 1; k < length; ++k) codePoint = (codePoint << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-  return length;
-}
-}  // namespace
-
+// Malformed bytes count one unit each, so damaged text is neither lengthened nor shortened.
 size_t TavloUTF16Length(std::string_view text) {
   size_t units = 0;
-  for (size_t i = 0; i < text.size();) {
-    char32_t codePoint = 0;
-    const size_t length = sequenceAt(text, i, codePoint);
-    if (length == 0) {
-      ++units;
-      ++i;
-      continue;
-    }
-    units += codePoint >= 0x10000 ? 2 : 1;
-    i += length;
+  for (size_t position = 0; position < text.size();) {
+    const size_t start = position;
+    const std::optional<char32_t> c = TavloNextCodePoint(text, position);
+    units += c ? (*c >= 0x10000 ? 2 : 1) : position - start;
   }
   return units;
 }
 
 std::string TavloUTF16Prefix(std::string_view text, size_t units) {
-  size_t i = 0;
+  size_t position = 0;
   size_t taken = 0;
-  while (i < text.size() && taken < units) {
-    char32_t codePoint = 0;
-    size_t length = sequenceAt(text, i, codePoint);
-    const size_t width = (length != 0 && codePoint >= 0x10000) ? 2 : 1;
-    if (length == 0) length = 1;
+  while (position < text.size() && taken < units) {
+    const size_t start = position;
+    const std::optional<char32_t> c = TavloNextCodePoint(text, position);
+    if (!c) {
+      // Malformed bytes are kept, one unit each, as far as the budget goes.
+      const size_t kept = std::min(position - start, units - taken);
+      taken += kept;
+      position = start + kept;
+      continue;
+    }
+    const size_t width = *c >= 0x10000 ? 2 : 1;
     if (taken + width > units) {
-      return std::string(text.substr(0, i)) + "\xEF\xBF\xBD";  // half a surrogate pair
+      return std::string(text.substr(0, start)) + "\xEF\xBF\xBD";  // half a surrogate pair
     }
     taken += width;
-    i += length;
   }
-  return std::string(text.substr(0, i));
+  return std::string(text.substr(0, position));
 }
 
 std::string TavloPercentEscape(std::string_view text) {

@@ -4,8 +4,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+
+/// Reads one character of `text` at `position` and moves `position` past it. A
+/// well-formed UTF-8 sequence gives its code point. Anything else (a stray continuation
+/// byte, an overlong form, a surrogate, a value above U+10FFFF, a sequence cut short)
+/// gives nothing and skips the longest start of a valid sequence found there, at least one
+/// byte: the "maximal subpart" rule, so each damaged stretch becomes one replacement.
+std::optional<char32_t> TavloNextCodePoint(std::string_view text, std::size_t& position);
 
 /// Whether `text` is well-formed UTF-8 (no overlongs, no surrogates, nothing above U+10FFFF).
 bool TavloIsValidUTF8(std::string_view text);
