@@ -222,9 +222,8 @@ void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
     if (!agent) return;
     TavloLogger::log("Adding a request in queue", TavloLoggingModeInfo);
     std::lock_guard lock(agent->requestsProtector);
-    const auto marker = TavloClearCache::make();
     const bool markerWaiting = std::any_of(agent->requestQueue.begin(), agent->requestQueue.end(),
-                                           [&](const auto& queued) { return marker->isEqual(*queued); });
+                                           [](const auto& queued) { return queued->isClearCacheMarker(); });
     // While a marker waits, the cache is about to be cleared: the send step fetches afresh.
     const std::shared_ptr<TavloTaggerID> tagger = request->taggerID();
     if (!markerWaiting && tagger) {

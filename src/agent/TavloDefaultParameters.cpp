@@ -46,9 +46,9 @@ std::shared_ptr<const TavloParameters> TavloDefaultParameters::defaultParameters
   return parameters;
 }
 
-std::string TavloDefaultParameters::userAgent() {
-  return deviceInfo_->bundleName().value_or("(null)") + "/" + deviceInfo_->bundleVersion().value_or("(null)") +
-         " Tavlo SDK v" + TavloVersion() + " apple " + deviceWord(deviceInfo_->userInterfaceIdiom());
+std::string TavloDefaultParameters::userAgentOf(TavloDeviceInfo& deviceInfo) {
+  return deviceInfo.bundleName().value_or("(null)") + "/" + deviceInfo.bundleVersion().value_or("(null)") +
+         " Tavlo SDK v" + TavloVersion() + " apple " + deviceWord(deviceInfo.userInterfaceIdiom());
 }
 
 TavloString TavloDefaultParameters::appleDID() {

@@ -29,7 +29,10 @@ class TavloDefaultParameters {
 
   /// "<bundle name>/<bundle version> Tavlo SDK v5.4.5 apple <tv|ipad|iphone>", with
   /// "(null)" standing for a missing name or version.
-  std::string userAgent();
+  std::string userAgent() { return userAgentOf(*deviceInfo_); }
+  /// The same text for any device-information source (the authorisation exchange sends
+  /// it too, without needing the rest of the defaults).
+  static std::string userAgentOf(TavloDeviceInfo& deviceInfo);
 
   /// The advertising identifier as an upper-case UUID text, or nil with the information
   /// line "Can't get did" when no provider is registered.

@@ -42,7 +42,7 @@ std::shared_ptr<TavloAuthManager> TavloAuthManager::manager() {
   return shared;
 }
 
-TavloAuthManager::TavloAuthManager(const TavloPlatform& platform) : platform_(platform), defaults_(platform) {}
+TavloAuthManager::TavloAuthManager(const TavloPlatform& platform) : platform_(platform) {}
 
 int32_t TavloAuthManager::accessModeFromString(const TavloString& word) {
   if (word == "denied") return TavloAccessModeDenied;
@@ -106,7 +106,7 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
   if (serial && TavloIsURLSafeText(*serial) && platform_.httpClient) {
     TavloHttpRequest request;
     request.url = platform_.endpoints.authorisation + "/" + *serial;
-    request.headers = {{"User-Agent", defaults_.userAgent()}};
+    request.headers = {{"User-Agent", TavloDefaultParameters::userAgentOf(*platform_.deviceInfo)}};
     request.timeoutSeconds = 60;
     const TavloHttpResponse response = platform_.httpClient->get(request);
 

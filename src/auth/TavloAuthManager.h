@@ -79,7 +79,6 @@ class TavloAuthManager {
   };
 
   const TavloPlatform platform_;
-  TavloDefaultParameters defaults_;
 
   mutable std::shared_mutex cacheAccess;
   std::unordered_map<TavloTaggerID, std::shared_ptr<TavloAuth>, IdentityHash, IdentityEqual>
