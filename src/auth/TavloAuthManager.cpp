@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 
+#include "agent/TavloDefaultParameters.h"
 #include "platform/TavloHttpDate.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"

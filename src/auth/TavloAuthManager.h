@@ -7,7 +7,6 @@
 #include <string>
 #include <unordered_map>
 
-#include "agent/TavloDefaultParameters.h"
 #include "auth/TavloAuth.h"
 #include "tagging/TavloTaggerID.h"
 #include "tavlo/platform/TavloPlatform.h"
