@@ -23,6 +23,9 @@ struct TAVLO_EXPORT TavloHttpResponse {
   std::optional<long> status;
   /// What went wrong at the transport level; empty when a response arrived.
   std::string error;
+  /// The request was refused before anything was sent: it cannot be formed (a malformed
+  /// or oversized URL, a header with CR, LF or NUL, ...). Sending it again cannot help.
+  bool requestInvalid = false;
   TavloHttpHeaders headers;
   std::string body;
 
