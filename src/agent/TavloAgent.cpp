@@ -75,7 +75,11 @@ void TavloAgent::start() {
                                              [weak](const std::string&, const void*) {
                                                if (auto agent = weak.lock()) agent->applicationWillEnterForeground();
                                              });
-  loadRequests();
+  // The file is read on the handler, ahead of every hand-over: the application's first
+  // tagger call never waits for the disk, and no hit can overtake the ones kept in it.
+  requestHandler.async([weak] {
+    if (auto agent = weak.lock()) agent->loadRequests();
+  });
   requestSender.async([weak] {
     if (auto agent = weak.lock()) agent->handleRequests();
   });
@@ -86,8 +90,12 @@ TavloAgent::~TavloAgent() { shutdown(); }
 
 void TavloAgent::shutdown() {
   {
+    std::lock_guard lock(inboxProtector);
+    if (inboxClosed_) return;
+    inboxClosed_ = true;
+  }
+  {
     std::lock_guard lock(requestsProtector);
-    if (stopping_) return;
     stopping_ = true;
   }
   requestsCondition.notify_all();
@@ -96,6 +104,8 @@ void TavloAgent::shutdown() {
   center_->removeObserver(foregroundObserver_);
   requestSender.shutdown();
   requestHandler.shutdown();
+  // Whatever was handed over before the call is in the file when this returns.
+  takeHandOver();
   std::lock_guard lock(requestsProtector);
   fileLock_.reset();
 }
@@ -120,93 +130,126 @@ uint64_t TavloAgent::getPartialID() {
   return partialID_++;
 }
 
-std::string TavloAgent::requestsFilePath() {
-  const std::string path = TavloQueueFilePath(platform_.files->dataDirectory(), platform_.deviceInfo->bundleName());
-  platform_.files->createDirectories(path.substr(0, path.rfind('/')), 0700);
+std::optional<std::string> TavloAgent::prepareQueueFile(std::error_code& error) {
+  const std::string dataDirectory = platform_.files->dataDirectory();
+  // Without a data directory the path would start at "/": never write there.
+  if (dataDirectory.empty() || dataDirectory.front() != '/') {
+    error = std::make_error_code(std::errc::no_such_file_or_directory);
+    return std::nullopt;
+  }
+  const std::string path = TavloQueueFilePath(dataDirectory, platform_.deviceInfo->bundleName());
+  error = platform_.files->createDirectories(path.substr(0, path.rfind('/')), 0700);
+  if (error) return std::nullopt;
   return path;
+}
+
+std::string TavloAgent::requestsFilePath() {
+  std::error_code ignored;
+  return prepareQueueFile(ignored).value_or("");
 }
 
 void TavloAgent::loadRequests() {
   TavloLogger::log("Loading requests from cache", TavloLoggingModeInfo);
-  std::lock_guard lock(requestsProtector);
-  const std::string path = requestsFilePath();
   std::error_code error;
-  fileLock_ = platform_.files->tryLockFile(path + ".lock", error);
-  if (!fileLock_) {
-    persistenceDisabled_ = true;
+  const std::optional<std::string> path = prepareQueueFile(error);
+  if (!path) {
+    TavloLogger::log(platform_.files->dataDirectory().empty()
+                         ? std::string("No data directory for the request queue (neither XDG_DATA_HOME nor HOME "
+                                       "names one); requests are kept in memory only")
+                         : "The request queue cannot be kept in " +
+                               TavloQueueFilePath(platform_.files->dataDirectory(), platform_.deviceInfo->bundleName()) +
+                               " (" + error.message() + "); requests are kept in memory only",
+                     TavloLoggingModeError);
+    return;
+  }
+  auto lock = platform_.files->tryLockFile(*path + ".lock", error);
+  if (!lock) {
     if (error == std::errc::resource_unavailable_try_again) {
-      TavloLogger::log("The request queue file " + path + " is in use by another process of this application; " +
+      TavloLogger::log("The request queue file " + *path + " is in use by another process of this application; " +
                            "this process keeps its requests in memory only",
                        TavloLoggingModeWarning);
     } else {
-      TavloLogger::log("The request queue cannot be kept in " + path + " (" + error.message() +
+      TavloLogger::log("The request queue cannot be kept in " + *path + " (" + error.message() +
                            "); requests are kept in memory only",
                        TavloLoggingModeError);
     }
     return;
   }
+  // Holding the lock, no other writer of this file is alive: what a killed one left is stale.
+  platform_.files->removeLeftoverTemporaries(*path);
 
+  std::deque<std::shared_ptr<TavloRequest>> loaded;
   std::string data;
-  error = platform_.files->readFile(path, data, TavloKeyedUnarchiver::maxArchiveBytes);
-  if (error) {
-    if (error != std::errc::no_such_file_or_directory) {
-      TavloLogger::log("Could not read the request queue file " + path + " (" + error.message() +
-                           "); starting with an empty queue",
+  error = platform_.files->readFile(*path, data, TavloKeyedUnarchiver::maxArchiveBytes);
+  if (error && error != std::errc::no_such_file_or_directory) {
+    TavloLogger::log("Could not read the request queue file " + *path + " (" + error.message() +
+                         "); starting with an empty queue",
+                     TavloLoggingModeWarning);
+  } else if (!error) {
+    std::string why;
+    const auto decoded = TavloKeyedUnarchiver::unarchivedArrayWithData(data, TavloRecordClasses(), &why);
+    if (!decoded) {
+      TavloLogger::log("The request queue file " + *path + " is damaged (" + why +
+                           "); starting with an empty queue, the file is replaced at the next save",
                        TavloLoggingModeWarning);
+    } else {
+      for (const auto& object : *decoded) {
+        auto request = std::dynamic_pointer_cast<TavloRequest>(object);
+        // Audience hits do not survive a restart, and neither does an old marker (its type reads 0).
+        if (request && request->requestType() != TavloRequestTypeAudience) loaded.push_back(std::move(request));
+      }
+      // Loading keeps everything the file holds: the 500 cap applies when a request is added.
+      if (!loaded.empty()) loaded.push_back(TavloClearCache::make());
+    }
+  }
+  std::lock_guard guard(requestsProtector);
+  fileLock_ = std::move(lock);
+  queuePath_ = *path;
+  // Nothing was handed over yet (the hand-over waits behind this task), so the loaded
+  // requests are the whole queue.
+  requestQueue.insert(requestQueue.begin(), loaded.begin(), loaded.end());
+  publishQueueLength();
+  signalLoop();
+}
+
+void TavloAgent::saveRequests() {
+  TavloLogger::log("Saving requests to cache", TavloLoggingModeInfo);
+  ++changeCount_;
+}
+
+void TavloAgent::persist() {
+  std::lock_guard writer(fileWriter);
+  std::vector<std::shared_ptr<TavloCodable>> objects;
+  uint64_t changeCount = 0;
+  std::string path;
+  {
+    std::lock_guard lock(requestsProtector);
+    if (queuePath_.empty() || changeCount_ == savedChangeCount_) return;
+    objects.assign(requestQueue.begin(), requestQueue.end());
+    changeCount = changeCount_;
+    path = queuePath_;
+  }
+  // Archived and written without requestsProtector: enqueues and the send loop go on,
+  // and fileWriter keeps the writes in the order of their snapshots.
+  const std::string bytes = TavloKeyedArchiver::archivedDataWithRootArray(objects);
+  objects.clear();
+  std::error_code error = platform_.files->writeFileAtomically(path, bytes, 0600);
+  if (error == std::errc::no_such_file_or_directory) {
+    // The folder went away while we ran: make it again, or say why it cannot be.
+    error = platform_.files->createDirectories(path.substr(0, path.rfind('/')), 0700);
+    if (!error) error = platform_.files->writeFileAtomically(path, bytes, 0600);
+  }
+  if (error) {
+    if (!saveFailureLogged_) {
+      saveFailureLogged_ = true;
+      TavloLogger::log("Could not save the request queue to " + path + " (" + error.message() +
+                           "); requests are kept in memory and saving is tried again at every change",
+                       TavloLoggingModeError);
     }
     return;
   }
-  std::string why;
-  const auto decoded = TavloKeyedUnarchiver::unarchivedArrayWithData(data, TavloRecordClasses(), &why);
-  if (!decoded) {
-    TavloLogger::log("The request queue file " + path + " is damaged (" + why +
-                         "); starting with an empty queue, the file is replaced at the next save",
-                     TavloLoggingModeWarning);
-    return;
-  }
-  for (const auto& object : *decoded) {
-    auto request = std::dynamic_pointer_cast<TavloRequest>(object);
-    // Audience hits do not survive a restart, and neither does an old marker (its type reads 0).
-    if (request && request->requestType() != TavloRequestTypeAudience) requestQueue.push_back(std::move(request));
-  }
-  while (requestQueue.size() > kMaximumQueueLength) requestQueue.pop_front();
-  if (!requestQueue.empty()) requestQueue.push_back(TavloClearCache::make());
-  publishQueueLength();
-}
-
-// Saving is coalesced: a burst of changes (thousands of hits queued at once) schedules
-// one write, run on "TavloRequestHandler" after the changes already submitted there. The
-// file then lags the queue by the length of a burst, never more.
-void TavloAgent::saveRequests() {
-  TavloLogger::log("Saving requests to cache", TavloLoggingModeInfo);
-  if (persistenceDisabled_ || saveScheduled_) return;
-  saveScheduled_ = true;
-  std::weak_ptr<TavloAgent> weak = weak_from_this();
-  requestHandler.async([weak] {
-    if (auto agent = weak.lock()) agent->writeRequestsFile();
-  });
-}
-
-void TavloAgent::writeRequestsFile() {
-  std::vector<std::shared_ptr<TavloCodable>> objects;
-  {
-    std::lock_guard lock(requestsProtector);
-    saveScheduled_ = false;
-    objects.assign(requestQueue.begin(), requestQueue.end());
-  }
-  // Archived and written without the lock: only this queue writes the file, in order.
-  const std::string path = requestsFilePath();
-  const std::error_code error =
-      platform_.files->writeFileAtomically(path, TavloKeyedArchiver::archivedDataWithRootArray(objects), 0600);
-  std::lock_guard lock(requestsProtector);
-  if (error && !saveFailureLogged_) {
-    saveFailureLogged_ = true;
-    TavloLogger::log("Could not save the request queue to " + path + " (" + error.message() +
-                         "); requests are kept in memory and saving is tried again at every change",
-                     TavloLoggingModeError);
-  } else if (!error) {
-    saveFailureLogged_ = false;
-  }
+  saveFailureLogged_ = false;
+  savedChangeCount_ = changeCount;
 }
 
 void TavloAgent::logCount() {
@@ -214,32 +257,117 @@ void TavloAgent::logCount() {
                    TavloLoggingModeInfo);
 }
 
+namespace {
+size_t parameterBytes(const TavloRequest& request) {
+  const std::shared_ptr<const TavloParameters> parameters = request.parameters();
+  size_t bytes = 0;
+  if (parameters) {
+    for (const auto& [key, value] : *parameters) bytes += key.size() + value.size();
+  }
+  return bytes;
+}
+}  // namespace
+
 void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
   if (!request) return;
-  std::weak_ptr<TavloAgent> weak = weak_from_this();
-  requestHandler.async([weak, request] {
-    auto agent = weak.lock();
-    if (!agent) return;
-    TavloLogger::log("Adding a request in queue", TavloLoggingModeInfo);
-    std::lock_guard lock(agent->requestsProtector);
-    const bool markerWaiting = std::any_of(agent->requestQueue.begin(), agent->requestQueue.end(),
-                                           [](const auto& queued) { return queued->isClearCacheMarker(); });
-    // While a marker waits, the cache is about to be cleared: the send step fetches afresh.
-    const std::shared_ptr<TavloTaggerID> tagger = request->taggerID();
-    if (!markerWaiting && tagger) {
-      request->setAuth(agent->authManager_->authFromCacheForTagger(*tagger));
-      if (request->shouldRenewSessionAfter()) {
-        agent->authManager_->forgetAuthForTagger(*tagger);
-        TavloLogger::log("ShouldRenewSession", TavloLoggingModeInfo);
+  if (const size_t bytes = parameterBytes(*request); bytes > maximumHitBytes) {
+    TavloLogger::log("A hit of serial " + request->serial().value_or("(null)") + " carries " + std::to_string(bytes) +
+                         " bytes of parameters, more than the " + std::to_string(maximumHitBytes) +
+                         " a hit may carry; it is dropped",
+                     TavloLoggingModeError);
+    return;
+  }
+  handOver({HandOver::Enqueue, std::move(request)});
+}
+
+bool TavloAgent::handOver(HandOver item) {
+  bool schedule = false;
+  {
+    std::lock_guard lock(inboxProtector);
+    if (inboxClosed_) return false;
+    if (item.kind == HandOver::Enqueue && inboxRequests_ >= maximumHandOverBacklog) {
+      const auto oldest = std::find_if(inbox_.begin(), inbox_.end(),
+                                       [](const HandOver& waiting) { return waiting.kind == HandOver::Enqueue; });
+      inbox_.erase(oldest);
+      --inboxRequests_;
+      ++droppedAtHandOver_;
+      ++droppedSinceLastTake_;
+    }
+    if (item.kind == HandOver::Enqueue) ++inboxRequests_;
+    inbox_.push_back(std::move(item));
+    schedule = !inboxTakeScheduled_;
+    inboxTakeScheduled_ = true;
+  }
+  if (schedule) {
+    std::weak_ptr<TavloAgent> weak = weak_from_this();
+    requestHandler.async([weak] {
+      if (auto agent = weak.lock()) agent->takeHandOver();
+    });
+  }
+  return true;
+}
+
+void TavloAgent::takeHandOver() {
+  std::deque<HandOver> taken;
+  uint64_t dropped = 0;
+  {
+    std::lock_guard lock(inboxProtector);
+    taken.swap(inbox_);
+    inboxRequests_ = 0;
+    inboxTakeScheduled_ = false;
+    dropped = std::exchange(droppedSinceLastTake_, 0);
+  }
+  if (dropped > 0) {
+    TavloLogger::log(std::to_string(dropped) + " hit(s) came faster than the queue could take them and were dropped, " +
+                         "oldest first",
+                     TavloLoggingModeWarning);
+  }
+  {
+    std::lock_guard lock(requestsProtector);
+    for (const HandOver& item : taken) {
+      switch (item.kind) {
+        case HandOver::Enqueue:
+          enqueue(item.request);
+          break;
+        case HandOver::ReconnectionPurge:
+          purgeAudienceRequests();
+          break;
+        case HandOver::Wake:
+          signalLoop();
+          break;
       }
     }
-    agent->requestQueue.push_back(request);
-    if (agent->requestQueue.size() > kMaximumQueueLength) agent->requestQueue.pop_front();
-    agent->publishQueueLength();
-    agent->saveRequests();
-    agent->logCount();
-    agent->signalLoop();
-  });
+  }
+  persist();
+}
+
+void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
+  TavloLogger::log("Adding a request in queue", TavloLoggingModeInfo);
+  const bool markerWaiting = std::any_of(requestQueue.begin(), requestQueue.end(),
+                                         [](const auto& queued) { return queued->isClearCacheMarker(); });
+  // While a marker waits, the cache is about to be cleared: the send step fetches afresh.
+  const std::shared_ptr<TavloTaggerID> tagger = request->taggerID();
+  if (!markerWaiting && tagger) {
+    request->setAuth(authManager_->authFromCacheForTagger(*tagger));
+    if (request->shouldRenewSessionAfter()) {
+      authManager_->forgetAuthForTagger(*tagger);
+      TavloLogger::log("ShouldRenewSession", TavloLoggingModeInfo);
+    }
+  }
+  requestQueue.push_back(request);
+  if (requestQueue.size() > kMaximumQueueLength) requestQueue.pop_front();
+  publishQueueLength();
+  saveRequests();
+  logCount();
+  signalLoop();
+}
+
+void TavloAgent::purgeAudienceRequests() {
+  // Audience hits kept while offline are stale once the network is back; the marker
+  // goes with them (its type reads audience). The file is rewritten at the next change.
+  std::erase_if(requestQueue, [](const auto& queued) { return queued->requestType() == TavloRequestTypeAudience; });
+  publishQueueLength();
+  signalLoop();
 }
 
 void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& request) {
@@ -258,45 +386,64 @@ bool TavloAgent::headIsSendable() {
 }
 
 void TavloAgent::handleRequests() {
-  std::unique_lock lock(requestsProtector);
   for (;;) {
-    while (!stopping_ && !headIsSendable()) {
-      loopWaiting_ = true;
-      signalsSeen_ = signalsSent_;
-      requestsCondition.notify_all();  // wakes TEST_waitUntilIdle
-      requestsCondition.wait(lock);
-      loopWaiting_ = false;
-    }
-    if (stopping_) return;
+    // A removal is on disk before the next request goes out: a crash now resends nothing
+    // that was answered.
+    persist();
+    std::shared_ptr<TavloRequest> request;
+    {
+      std::unique_lock lock(requestsProtector);
+      while (!stopping_ && !headIsSendable()) {
+        loopWaiting_ = true;
+        signalsSeen_ = signalsSent_;
+        requestsCondition.notify_all();  // wakes TEST_waitUntilIdle
+        requestsCondition.wait(lock);
+        loopWaiting_ = false;
+      }
+      if (stopping_) return;
 
-    TavloLogger::log("Request to handle !", TavloLoggingModeInfo);
-    const std::shared_ptr<TavloRequest> request = requestQueue.front();
-    if (request->isClearCacheMarker()) {
-      authManager_->clearCache();
-      removeRequestFromQueue(request);
-      continue;
+      TavloLogger::log("Request to handle !", TavloLoggingModeInfo);
+      request = requestQueue.front();
+      if (request->isClearCacheMarker()) {
+        authManager_->clearCache();
+        removeRequestFromQueue(request);
+        continue;
+      }
+      if (!isTheRequestValid(*request)) {
+        removeRequestFromQueue(request);
+        continue;
+      }
     }
-    if (!isTheRequestValid(*request)) {
-      removeRequestFromQueue(request);
-      continue;
-    }
-    const std::string description = request->description(platform_.endpoints);
-    TavloLogger::log("Handling request " + description, TavloLoggingModeInfo);
+    // The exchange runs without requestsProtector: hits handed over meanwhile reach the
+    // queue and the file at once instead of waiting for the network.
+    TavloLogger::log("Handling request " + request->description(platform_.endpoints), TavloLoggingModeInfo);
     const std::optional<TavloError> error = handleRequest(request);
-    if (error && (error->code == TavloErrorNotReachable || error->code == TavloErrorNoAnswer)) {
-      TavloLogger::log("Request " + description + " handling resulted in a timeout or lack of connection",
-                       TavloLoggingModeWarning);
-      if (requestQueue.size() > kMaximumQueueLength) removeRequestFromQueue(request);
-      continue;
+    bool sendStop = false;
+    {
+      std::lock_guard lock(requestsProtector);
+      sendStop = finishAttempt(request, error);
     }
-    TavloLogger::log("Request " + description + " handling done", TavloLoggingModeInfo);
-    removeRequestFromQueue(request);
-    if (request->shouldRenewSessionAfter() && request->sendingMode() == TavloSendingModeDisconnected) {
+    if (sendStop) {
+      persist();
       request->setCreationDate(platform_.clock->now());
       request->transformToStop();
-      handleRequest(request);
+      handleRequest(request);  // its outcome does not matter: the request is not queued again
     }
   }
+}
+
+bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error) {
+  // The request is described as it was sent: with its authorisation and network name.
+  const std::string description = request->description(platform_.endpoints);
+  if (error && (error->code == TavloErrorNotReachable || error->code == TavloErrorNoAnswer)) {
+    TavloLogger::log("Request " + description + " handling resulted in a timeout or lack of connection",
+                     TavloLoggingModeWarning);
+    if (requestQueue.size() > kMaximumQueueLength) removeRequestFromQueue(request);
+    return false;
+  }
+  TavloLogger::log("Request " + description + " handling done", TavloLoggingModeInfo);
+  removeRequestFromQueue(request);
+  return request->shouldRenewSessionAfter() && request->sendingMode() == TavloSendingModeDisconnected;
 }
 
 std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloRequest>& request) {
@@ -336,14 +483,18 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
 
   const TavloString url = request->url(reachability_->currentReachabilityStatus(),
                                        timeIntervalBetweenServerAndDevice(), platform_.endpoints);
-  if (!url) {
+  const auto invalidParameters = [&] {
     TavloLogger::log("Request " + request->description(platform_.endpoints) +
                          " was not sent because of invalid parameters",
                      TavloLoggingModeError);
     return std::nullopt;
-  }
+  };
+  if (!url) return invalidParameters();
   const TavloHttpResponse response =
       platform_.httpClient->get(TavloHttpRequest{*url, {{"User-Agent", userAgent()}}, kSendTimeout});
+  // A request the client cannot even form would fail the same way for ever: it goes,
+  // instead of holding every hit behind it.
+  if (response.requestInvalid) return invalidParameters();
   if (!response.status) {
     recordFailure();
     return TavloError{TavloErrorDomain, TavloErrorNoAnswer};
@@ -372,29 +523,12 @@ bool TavloAgent::isTheRequestValid(const TavloRequest& request) {
 void TavloAgent::reachabilityStatusChanged() {
   TavloLogger::log("Connection status changed - we check if we can send any request", TavloLoggingModeInfo);
   if (!reachability_ || !reachability_->isReachable()) return;
-  std::weak_ptr<TavloAgent> weak = weak_from_this();
-  requestHandler.async([weak] {
-    auto agent = weak.lock();
-    if (!agent) return;
-    std::lock_guard lock(agent->requestsProtector);
-    // Audience hits kept while offline are stale once the network is back; the marker
-    // goes with them (its type reads audience). The file is rewritten at the next change.
-    std::erase_if(agent->requestQueue,
-                  [](const auto& queued) { return queued->requestType() == TavloRequestTypeAudience; });
-    agent->publishQueueLength();
-    agent->signalLoop();
-  });
+  handOver({HandOver::ReconnectionPurge, nullptr});
 }
 
 void TavloAgent::applicationWillEnterForeground() {
   TavloLogger::log("Application entered foreground - we check if any requests should be sent", TavloLoggingModeInfo);
-  std::weak_ptr<TavloAgent> weak = weak_from_this();
-  requestHandler.async([weak] {
-    auto agent = weak.lock();
-    if (!agent) return;
-    std::lock_guard lock(agent->requestsProtector);
-    agent->signalLoop();
-  });
+  handOver({HandOver::Wake, nullptr});
 }
 
 void TavloAgent::signalLoop() {
@@ -410,9 +544,20 @@ void TavloAgent::publishQueueLength() {
   queueLengthChanged.notify_all();
 }
 
+uint64_t TavloAgent::droppedAtHandOverCount() {
+  std::lock_guard lock(inboxProtector);
+  return droppedAtHandOver_;
+}
+
 size_t TavloAgent::pendingRequestCount() {
   std::lock_guard lock(queueLengthProtector);
   return queueLength_;
+}
+
+bool TavloAgent::waitForHandler(std::chrono::steady_clock::time_point deadline) {
+  auto handled = std::make_shared<std::promise<void>>();
+  if (!requestHandler.async([handled] { handled->set_value(); })) return true;
+  return handled->get_future().wait_until(deadline) == std::future_status::ready;
 }
 
 bool TavloAgent::waitUntilQueueEmpty(double seconds) {
@@ -422,11 +567,7 @@ bool TavloAgent::waitUntilQueueEmpty(double seconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(
                                                               std::chrono::duration<double>(seconds));
   // Hits handed over just before this call may still be on their way into the queue.
-  auto handled = std::make_shared<std::promise<void>>();
-  if (requestHandler.async([handled] { handled->set_value(); }) &&
-      handled->get_future().wait_until(deadline) != std::future_status::ready) {
-    return false;
-  }
+  if (!waitForHandler(deadline)) return false;
   std::unique_lock lock(queueLengthProtector);
   return queueLengthChanged.wait_until(lock, deadline, [&] { return queueLength_ == 0; });
 }
@@ -436,13 +577,18 @@ std::deque<std::shared_ptr<TavloRequest>> TavloAgent::TEST_queue() {
   return requestQueue;
 }
 
+bool TavloAgent::TEST_waitForHandOver(double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                              std::chrono::duration<double>(seconds));
+  return waitForHandler(deadline);
+}
+
 bool TavloAgent::TEST_waitUntilIdle(double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  auto handled = std::make_shared<std::promise<void>>();
-  if (!requestHandler.async([handled] { handled->set_value(); })) return true;
-  if (handled->get_future().wait_until(deadline) != std::future_status::ready) return false;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                              std::chrono::duration<double>(seconds));
+  if (!waitForHandler(deadline)) return false;
   std::unique_lock lock(requestsProtector);
-  return requestsCondition.wait_until(lock, deadline, [&] { 
+  return requestsCondition.wait_until(lock, deadline, [&] {
     // A signal the loop has not woken up for yet means it is about to work.
     return stopping_ || (loopWaiting_ && signalsSeen_ == signalsSent_ && !headIsSendable());
   });

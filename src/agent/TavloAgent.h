@@ -1,6 +1,7 @@
 // The process-wide dispatcher of measurement hits.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <unordered_map>
 
 #include "agent/TavloDefaultParameters.h"
@@ -45,25 +47,43 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 ///
 /// Taggers hand finished requests to `addRequestToQueue`, which returns at once; the work
 /// happens on two serial queues of the agent's own:
-///  - "TavloRequestHandler" runs every change made from outside: enqueue (with the cached
+///  - "TavloRequestHandler" loads the queue file at start (never on the application's
+///    thread), then runs every change made from outside: enqueue (with the cached
 ///    authorisation attached), the reachability and foreground reactions;
 ///  - "TavloRequestSender" runs the send loop: it sleeps on `requestsCondition` until the
 ///    head can be sent (queue not empty, network reachable, head not failed within the
 ///    last 60 seconds), then authorises, checks access, builds the URL and sends one GET
 ///    with a 10-second time-out. Status 200 removes the request; no answer keeps it at
-///    the head for a retry; a refusal or any other status removes it.
+///    the head for a retry; a refusal, a request the HTTP client cannot form, or any other
+///    status removes it.
 ///
-/// The queue holds at most 500 requests (the oldest goes first) and is written to
-/// "<data directory>/<application>/TavloCache/requests.ser" after every change, atomically
-/// (a burst of changes is written once, right after the burst).
+/// Hand-over: requests wait in a bounded inbox until "TavloRequestHandler" takes them,
+/// all that arrived since its last turn at once. A caller that hands over faster than the
+/// queue can take them never makes memory grow: past `maximumHandOverBacklog` waiting
+/// requests the oldest waiting one is dropped (the 500-request cap would drop it anyway)
+/// and counted. A request whose parameters are larger than `maximumHitBytes` can never be
+/// sent and is refused on the caller's thread with an ERROR line.
+///
+/// The queue holds at most 500 requests after an insertion (the oldest goes first) and is
+/// written to "<data directory>/<application>/TavloCache/requests.ser" atomically after
+/// every change: a burst of enqueues is written once, at the end of the burst; a removal
+/// by the send loop is on disk before the next request goes out, so a process killed in
+/// the middle of a drain sends again at most the one request that was in flight.
+/// `shutdown` writes whatever was handed over before it was called.
 /// At start, audience requests in the file are dropped and streaming ones kept, followed by
-/// a clear-cache marker. The file is guarded by an advisory lock: a second process of the
-/// same application keeps its queue in memory only, and says so once.
+/// a clear-cache marker; temporaries left by a process killed during a save are removed.
+/// The file is guarded by an advisory lock: a second process of the same application
+/// keeps its queue in memory only, and says so once. Without a data directory the queue
+/// lives in memory only, with an ERROR line.
 ///
 /// Threads: every public operation may be called from any thread. `requestsProtector`
-/// guards the queue and the file and is held by the send loop while it handles a request
-/// (network included); `partialIDLocker` guards the partial identifier and is never taken
-/// with `requestsProtector` held; `audienceTaggersProtector` guards the tagger table.
+/// guards the queue; the send loop holds it to pick a request and to record the outcome,
+/// never during the network exchange, so enqueues and saves interleave with a drain.
+/// `fileWriter` serialises the writes of the file and is taken before
+/// `requestsProtector`, never after; `inboxProtector` guards the hand-over and is never
+/// held while another of the agent's locks is taken; `partialIDLocker` guards the partial
+/// identifier and is never taken with `requestsProtector` held; `audienceTaggersProtector`
+/// guards the tagger table.
 class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
  public:
   /// The process-wide agent, made on first use with the installed platform and the
@@ -81,10 +101,17 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   TavloAgent(const TavloAgent&) = delete;
   TavloAgent& operator=(const TavloAgent&) = delete;
 
-  /// Ends the send loop (after the attempt in flight, at most the HTTP time-out), runs the
-  /// enqueues already submitted, stops watching the network. Hits queued afterwards are
-  /// dropped. Idempotent.
+  /// Ends the send loop (after the attempt in flight, at most the HTTP time-out), takes
+  /// into the queue every request handed over before the call, writes the queue file and
+  /// stops watching the network. Hits handed over afterwards are dropped. Idempotent.
   void shutdown();
+
+  /// The most requests that may wait in the hand-over at once.
+  static constexpr size_t maximumHandOverBacklog = 500;
+  /// The largest parameter text (keys and values, in bytes) a hit may carry: anything
+  /// larger would make a URL that collection servers refuse, and a queue of such hits a
+  /// file too large to read back.
+  static constexpr size_t maximumHitBytes = 16 * 1024;
 
   // Audience taggers and identities.
   void addTavloAudienceTagger(const std::shared_ptr<TavloAudienceTagger>& tagger);
@@ -94,7 +121,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   uint64_t getPartialID();
 
   // The queue.
-  /// Queues `request` without waiting; nil is ignored.
+  /// Queues `request` without waiting; nil is ignored, an oversized one refused.
   void addRequestToQueue(std::shared_ptr<TavloRequest> request);
   std::string requestsFilePath();
 
@@ -133,24 +160,58 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// negative: no wait; at most a day); true when empty. Never held up by an exchange.
   bool waitUntilQueueEmpty(double seconds);
 
+  /// Requests dropped because they were handed over faster than the queue took them.
+  uint64_t droppedAtHandOverCount();
+
   /// A snapshot of the queue, oldest first. For tests and tools.
   std::deque<std::shared_ptr<TavloRequest>> TEST_queue();
   /// Waits until both queues are idle and the send loop sleeps, up to `seconds` of real
   /// time. For tests that must observe the agent's threads at rest.
   bool TEST_waitUntilIdle(double seconds = 10);
+  /// Waits until what was handed over before the call is in the queue and the file, up
+  /// to `seconds` of real time, whatever the send loop is doing.
+  bool TEST_waitForHandOver(double seconds = 10);
 
  private:
+  /// What waits in the hand-over: a request to queue, or one of the outside reactions,
+  /// kept in the order they came so that a reaction sees exactly the requests handed
+  /// over before it.
+  struct HandOver {
+    enum Kind { Enqueue, ReconnectionPurge, Wake } kind;
+    std::shared_ptr<TavloRequest> request;
+  };
+
   TavloAgent(const TavloPlatform& platform, std::shared_ptr<TavloAuthManager> authManager,
              std::shared_ptr<TavloNotificationCenter> center);
   void start();
 
-  void loadRequests();
+  void loadRequests();                                                   // on requestHandler only
+  /// Where the queue file goes, with its folder made; nothing (and `error` set) when the
+  /// queue cannot be kept in a file.
+  std::optional<std::string> prepareQueueFile(std::error_code& error);
   void saveRequests();                                                   // REQUIRES: requestsProtector held
-  void writeRequestsFile();                                              // on requestHandler only
+  /// Writes the queue if it changed since the last write; returns once it is on disk.
+  /// REQUIRES: no lock of the agent held.
+  void persist();
   void removeRequestFromQueue(const std::shared_ptr<TavloRequest>& r);  // REQUIRES: requestsProtector held
   bool headIsSendable();                                                 // REQUIRES: requestsProtector held
   void handleRequests();
+  /// Records the outcome of one attempt; true when the request is to be sent once more as
+  /// a stop event. REQUIRES: requestsProtector held.
+  bool finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error);
   void logCount();                                                       // REQUIRES: requestsProtector held
+
+  /// Puts `item` into the hand-over and makes sure "TavloRequestHandler" will take it;
+  /// false once the agent is shut down.
+  bool handOver(HandOver item);
+  /// Takes everything waiting in the hand-over into the queue, then writes the file.
+  void takeHandOver();
+  void enqueue(const std::shared_ptr<TavloRequest>& request);  // REQUIRES: requestsProtector held
+  void purgeAudienceRequests();                                // REQUIRES: requestsProtector held
+
+  /// Waits until "TavloRequestHandler" has run what was submitted before; true at once
+  /// when it is shut down.
+  bool waitForHandler(std::chrono::steady_clock::time_point deadline);
   /// Wakes the send loop to test its head again. REQUIRES: requestsProtector held.
   void signalLoop();
   /// Copies the queue's length where readers need not wait for requestsProtector.
@@ -169,6 +230,18 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::unordered_map<TavloTaggerIdentifier, std::shared_ptr<TavloAudienceTagger>>
       TavloAudienceTaggers;  // guarded by audienceTaggersProtector
 
+  std::mutex inboxProtector;
+  std::deque<HandOver> inbox_;          // guarded by inboxProtector
+  size_t inboxRequests_ = 0;            // guarded by inboxProtector
+  bool inboxTakeScheduled_ = false;     // guarded by inboxProtector
+  bool inboxClosed_ = false;            // guarded by inboxProtector
+  uint64_t droppedAtHandOver_ = 0;      // guarded by inboxProtector
+  uint64_t droppedSinceLastTake_ = 0;   // guarded by inboxProtector
+
+  std::mutex fileWriter;
+  uint64_t savedChangeCount_ = 0;  // guarded by fileWriter
+  bool saveFailureLogged_ = false;  // guarded by fileWriter
+
   std::mutex requestsProtector;
   std::condition_variable requestsCondition;             // signalled under requestsProtector
   std::deque<std::shared_ptr<TavloRequest>> requestQueue;  // guarded by requestsProtector
@@ -177,9 +250,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   uint64_t signalsSent_ = 0;                              // guarded by requestsProtector
   uint64_t signalsSeen_ = 0;                              // guarded by requestsProtector
   std::unique_ptr<TavloFileSystem::Lock> fileLock_;       // guarded by requestsProtector
-  bool persistenceDisabled_ = false;                      // guarded by requestsProtector
-  bool saveFailureLogged_ = false;                        // guarded by requestsProtector
-  bool saveScheduled_ = false;                            // guarded by requestsProtector
+  std::string queuePath_;                                 // guarded by requestsProtector; empty: memory only
+  uint64_t changeCount_ = 0;                              // guarded by requestsProtector
 
   std::mutex queueLengthProtector;
   std::condition_variable queueLengthChanged;  // signalled under queueLengthProtector

@@ -1,5 +1,6 @@
 #include "platform/TavloPosixFileSystem.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/file.h>
@@ -85,9 +86,11 @@ std::string nameOf(const std::string& path) {
 // Opens a temporary file that no other writer can be using: O_EXCL refuses a name
 // that exists, and the name carries the process and a per-process counter so
 // concurrent writers, in this process or another, pick different ones.
+std::string temporaryPrefix(const std::string& target) { return "." + nameOf(target) + ".tmp-"; }
+
 int openUniqueTemporary(const std::string& target, unsigned mode, std::string& temporaryPath) {
   static std::atomic<unsigned long> counter{0};
-  const std::string prefix = parentOf(target) + "/." + nameOf(target) + ".tmp-" + std::to_string(getpid()) + "-";
+  const std::string prefix = parentOf(target) + "/" + temporaryPrefix(target) + std::to_string(getpid()) + "-";
   for (int attempt = 0; attempt < 100; ++attempt) {
     temporaryPath = prefix + std::to_string(counter.fetch_add(1));
     const int descriptor =
@@ -138,9 +141,19 @@ std::error_code TavloPosixFileSystem::createDirectories(const std::string& path,
       continue;
     }
     if (errno != EEXIST) return lastError();
+    const bool last = end == std::string::npos || path.find_first_not_of('/', end) == std::string::npos;
     struct stat status {};
-    if (::stat(prefix.c_str(), &status) != 0) return lastError();
+    if ((last ? ::lstat(prefix.c_str(), &status) : ::stat(prefix.c_str(), &status)) != 0) return lastError();
+    if (last && S_ISLNK(status.st_mode)) return errorOf(std::errc::too_many_symbolic_link_levels);
     if (!S_ISDIR(status.st_mode)) return errorOf(std::errc::not_a_directory);
+    // A folder someone made before us, open to others, is narrowed; one we cannot narrow
+    // (another user's) is refused.
+    const mode_t allowed = static_cast<mode_t>(mode & 07777);
+    if (last && (status.st_mode & 07777 & ~allowed) != 0 &&
+        ::chmod(prefix.c_str(), static_cast<mode_t>(status.st_mode & 07777 & allowed)) != 0) {
+      return lastError();
+    }
+    if (last) break;
   }
   return {};
 }
@@ -203,6 +216,17 @@ std::error_code TavloPosixFileSystem::removeFile(const std::string& path) {
   return {};
 }
 
+void TavloPosixFileSystem::removeLeftoverTemporaries(const std::string& path) {
+  const std::string folder = parentOf(path);
+  const std::string prefix = temporaryPrefix(path);
+  DIR* directory = ::opendir(folder.c_str());
+  if (directory == nullptr) return;
+  while (const dirent* entry = ::readdir(directory)) {
+    if (std::string_view(entry->d_name).starts_with(prefix)) ::unlinkat(::dirfd(directory), entry->d_name, 0);
+  }
+  ::closedir(directory);
+}
+
 namespace {
 class FlockLock final : public TavloFileSystem::Lock {
  public:
@@ -216,7 +240,8 @@ class FlockLock final : public TavloFileSystem::Lock {
 
 std::unique_ptr<TavloFileSystem::Lock> TavloPosixFileSystem::tryLockFile(const std::string& path,
                                                                           std::error_code& error) {
-  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  // O_NOFOLLOW: a link planted at the lock's name must not make us create its target.
+  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) {
     error = std::error_code(errno, std::generic_category());
     return nullptr;

@@ -35,8 +35,10 @@ class TavloPosixFileSystem : public TavloFileSystem {
   std::error_code writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode) override;
 
   std::error_code removeFile(const std::string& path) override;
+  /// Removes the ".<name>.tmp-<pid>-<n>" files next to `path`.
+  void removeLeftoverTemporaries(const std::string& path) override;
   /// flock(2) on a descriptor of its own: two holders in one process exclude each other
-  /// as two processes do.
+  /// as two processes do. A symbolic link at `path` is refused, never followed.
   std::unique_ptr<Lock> tryLockFile(const std::string& path, std::error_code& error) override;
 
  private:

@@ -1,8 +1,14 @@
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include "request/TavloClearCache.h"
 #include "request/TavloKeyedArchiver.h"
+#include "request/TavloKeyedUnarchiver.h"
+#include "request/TavloRecordClasses.h"
 #include "support/TavloAgentFixture.h"
 #include "support/TavloScriptedHttpClient.h"
 
@@ -105,6 +111,39 @@ TEST_F(TavloAgentTest, RefusedAccessDropsTheRequestWithTheRightLine) {
   EXPECT_TRUE(test.logSink->contains("can't be sent because of access denied for its serial"));
 }
 
+TEST_F(TavloAgentTest, AHitThatCannotBeSentNeverHoldsUpTheOnesBehindIt) {
+  goOffline();
+  agent->addRequestToQueue(streamingRequest("malformed"));
+  agent->addRequestToQueue(streamingRequest("fine"));
+  std::string huge(TavloAgent::maximumHitBytes, 'x');
+  agent->addRequestToQueue(streamingRequest(huge));
+  settle();
+  EXPECT_EQ((std::vector<std::string>{"malformed", "fine"}), levelsOf(agent->TEST_queue()))
+      << "a hit too large to send never enters the queue";
+  EXPECT_TRUE(test.logSink->contains("bytes of parameters, more than the 16384 a hit may carry; it is dropped"));
+
+  test.http->setHandler([](const TavloHttpRequest& request) {
+    return request.url.find("c=malformed") != std::string::npos ? TavloScriptedHttpClient::invalidRequest()
+                                                                 : TavloScriptedHttpClient::answer(200);
+  });
+  test.reachability->setFlags(TavloReachabilityFlagReachable);
+  agent->applicationWillEnterForeground();
+  settle();
+  EXPECT_TRUE(agent->TEST_queue().empty());
+  EXPECT_EQ(2u, collectionURLs(*test.http).size()) << "no retry of the malformed one";
+  const auto lines = test.logSink->lines();
+  const auto malformed = [&](const std::string& outcome) {
+    return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+      return line.find(outcome) != std::string::npos && line.find("c = malformed;") != std::string::npos &&
+             line.find("hote http://127.0.0.1:1/m/web/123") != std::string::npos &&
+             line.find("m_ntwk = Wifi;") != std::string::npos;
+    });
+  };
+  EXPECT_EQ(1, malformed("(ERROR) : Request \"serial 123 - request type streaming"));
+  EXPECT_EQ(1, malformed("was not sent because of invalid parameters"));
+  EXPECT_EQ(1, malformed("handling done")) << "lines after the attempt describe the request as it was sent";
+}
+
 TEST_F(TavloAgentTest, TheQueueKeepsTheNewestFiveHundred) {
   goOffline();
   for (int i = 0; i <= 500; ++i) agent->addRequestToQueue(audienceRequest(std::to_string(i)));
@@ -183,7 +222,159 @@ class TavloAgentFileTest : public TavloAgentTest {
     std::ofstream(queuePath(), std::ios::binary) << bytes;
   }
   std::string queuePath() { return test.directory->path() + "/TestApp/TavloCache/requests.ser"; }
+  /// The levels the queue file holds now, markers as "<marker>".
+  std::vector<std::string> levelsInFile() {
+    std::string bytes;
+    if (test.files->readFile(queuePath(), bytes, TavloKeyedUnarchiver::maxArchiveBytes)) return {};
+    const auto objects = TavloKeyedUnarchiver::unarchivedArrayWithData(bytes, TavloRecordClasses());
+    if (!objects) return {"<damaged>"};
+    std::deque<std::shared_ptr<TavloRequest>> requests;
+    for (const auto& object : *objects) requests.push_back(std::dynamic_pointer_cast<TavloRequest>(object));
+    return levelsOf(requests);
+  }
 };
+
+// Reads the queue file only once the test opens the gate, to hold the agent's handler
+// in the middle of its start.
+class TavloGatedFileSystem : public TavloPosixFileSystem {
+ public:
+  using TavloPosixFileSystem::TavloPosixFileSystem;
+  std::error_code readFile(const std::string& path, std::string& contents, std::size_t maxBytes) override {
+    if (gate.wait_for(std::chrono::seconds(10)) != std::future_status::ready) return std::make_error_code(std::errc::timed_out);
+    return TavloPosixFileSystem::readFile(path, contents, maxBytes);
+  }
+  std::promise<void> opener;
+  std::shared_future<void> gate = opener.get_future().share();
+};
+
+TEST_F(TavloAgentFileTest, ShutdownKeepsInTheFileEveryHitHandedOverBeforeIt) {
+  for (int run = 0; run < 20; ++run) {
+    test.reachability->setFlags(0);
+    startAgent();
+    std::vector<std::string> expected;
+    for (int i = 0; i < 300; ++i) {
+      expected.push_back(std::to_string(run) + "-" + std::to_string(i));
+      agent->addRequestToQueue(streamingRequest(expected.back()));
+    }
+    agent->shutdown();
+    ASSERT_EQ(expected, levelsInFile()) << "run " << run;
+    std::filesystem::remove(queuePath());
+  }
+}
+
+TEST_F(TavloAgentFileTest, EveryRemovalIsOnDiskBeforeTheNextRequestGoesOut) {
+  goOffline();
+  for (int i = 0; i < 20; ++i) agent->addRequestToQueue(streamingRequest(std::to_string(i)));
+  settle();
+  std::vector<std::string> fileAtEachSend;
+  test.http->setHandler([&](const TavloHttpRequest& request) {
+    // What a process killed right now would find at its next start.
+    const auto levels = levelsInFile();
+    if (request.url.find("/m/web/") == std::string::npos) return TavloScriptedHttpClient::answer(404);
+    fileAtEachSend.push_back(levels.empty() ? "" : levels.front() + " of " + std::to_string(levels.size()));
+    return TavloScriptedHttpClient::answer(200);
+  });
+  test.reachability->setFlags(TavloReachabilityFlagReachable);
+  agent->applicationWillEnterForeground();  // wakes the loop without dropping anything
+  settle();
+  ASSERT_EQ(20u, fileAtEachSend.size());
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(std::to_string(i) + " of " + std::to_string(20 - i), fileAtEachSend[i])
+        << "only the request in flight may be sent again after a crash";
+  }
+  EXPECT_TRUE(levelsInFile().empty());
+}
+
+TEST_F(TavloAgentFileTest, HitsReachTheQueueAndTheFileWhileAnExchangeIsInFlight) {
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::promise<void> inFlight;
+  test.http->setHandler([&](const TavloHttpRequest& request) {
+    if (request.url.find("c=slow") != std::string::npos) {
+      inFlight.set_value();
+      released.wait();
+    }
+    return TavloScriptedHttpClient::answer(200);
+  });
+  agent->addRequestToQueue(streamingRequest("slow"));
+  inFlight.get_future().wait();
+  test.reachability->setFlags(0);  // keeps the newcomer queued once the slow one is done
+  agent->addRequestToQueue(streamingRequest("newcomer"));
+  ASSERT_TRUE(agent->TEST_waitForHandOver());
+  EXPECT_EQ((std::vector<std::string>{"slow", "newcomer"}), levelsOf(agent->TEST_queue()));
+  EXPECT_EQ((std::vector<std::string>{"slow", "newcomer"}), levelsInFile());
+  release.set_value();
+  settle();
+  EXPECT_EQ((std::vector<std::string>{"newcomer"}), levelsInFile());
+}
+
+TEST_F(TavloAgentFileTest, TheFileIsReadOffTheCallersThreadAheadOfEveryHit) {
+  writeQueueFile({streamingRequest("old")});
+  auto gated = std::make_shared<TavloGatedFileSystem>(test.directory->path());
+  test.platform.files = gated;
+  test.reachability->setFlags(0);
+  agent = TavloAgent::make(test.platform, nullptr, center);  // returns while the read waits
+  agent->addRequestToQueue(streamingRequest("new"));
+  for (int i = 0; i < 1000; ++i) agent->addRequestToQueue(audienceRequest("flood"));
+  gated->opener.set_value();
+  settle();
+  const auto levels = levelsOf(agent->TEST_queue());
+  EXPECT_EQ(501u, agent->droppedAtHandOverCount()) << "the hand-over holds at most 500 waiting hits";
+  ASSERT_EQ(500u, levels.size());
+  EXPECT_EQ("flood", levels.front()) << "the newest 500 stay, as the queue's cap would keep them";
+  EXPECT_TRUE(test.logSink->contains("(WARNING) : 501 hit(s) came faster than the queue could take them"));
+}
+
+TEST_F(TavloAgentFileTest, AFullFileLoadsWholeBeforeTheFirstNewHit) {
+  std::vector<std::shared_ptr<TavloCodable>> stored;
+  for (int i = 0; i < 600; ++i) stored.push_back(streamingRequest("old" + std::to_string(i)));
+  writeQueueFile(stored);
+  test.reachability->setFlags(0);
+  startAgent();
+  EXPECT_EQ(601u, agent->TEST_queue().size()) << "loading keeps every request the file holds, then the marker";
+  agent->addRequestToQueue(streamingRequest("new"));
+  settle();
+  const auto levels = levelsOf(agent->TEST_queue());
+  ASSERT_EQ(601u, levels.size()) << "an insertion drops one oldest entry";
+  EXPECT_EQ("old1", levels.front());
+  EXPECT_EQ((std::vector<std::string>{"<marker>", "new"}), std::vector<std::string>(levels.end() - 2, levels.end()));
+}
+
+TEST_F(TavloAgentFileTest, TemporariesOfAKilledSaveAreRemovedAtStart) {
+  agent->shutdown();
+  const std::string folder = test.directory->path() + "/TestApp/TavloCache/";
+  test.directory->writeFile("TestApp/TavloCache/.requests.ser.tmp-99999-0", "half a queue");
+  test.directory->writeFile("TestApp/TavloCache/other.txt", "not ours");
+  startAgent();
+  EXPECT_FALSE(std::filesystem::exists(folder + ".requests.ser.tmp-99999-0"));
+  EXPECT_TRUE(std::filesystem::exists(folder + "other.txt"));
+}
+
+TEST_F(TavloAgentFileTest, AQueueThatCannotBeKeptInAFileSaysWhyAndLivesInMemory) {
+  struct Case {
+    const char* name;
+    std::string dataDirectory;
+    const char* line;
+  };
+  test.directory->writeFile("a-file", "x");
+  const Case cases[] = {
+      {"no data directory", "", "(ERROR) : No data directory for the request queue"},
+      {"a file in the way", test.directory->path() + "/a-file", "(Not a directory); requests are kept in memory only"},
+  };
+  for (const Case& c : cases) {
+    agent->shutdown();
+    test.logSink->clear();
+    test.platform.files = std::make_shared<TavloPosixFileSystem>(c.dataDirectory);
+    test.reachability->setFlags(0);
+    startAgent();
+    agent->addRequestToQueue(streamingRequest("kept"));
+    settle();
+    EXPECT_EQ(1u, agent->TEST_queue().size()) << c.name;
+    EXPECT_EQ(1u, test.logSink->count(c.line)) << c.name;
+  }
+  EXPECT_FALSE(std::filesystem::exists("/TestApp")) << "never a path at the root";
+}
+
 
 TEST_F(TavloAgentFileTest, ARestartKeepsStreamingRequestsThenClearsTheAuthorisationCache) {
   writeQueueFile({audienceRequest("a1"), streamingRequest("s1"), audienceRequest("a2"), audienceRequest("a3"),
@@ -228,6 +419,7 @@ TEST_F(TavloAgentFileTest, ADamagedFileGivesAnEmptyQueueAndIsReplacedAtTheNextSa
 TEST_F(TavloAgentFileTest, ASecondAgentOfTheSameApplicationKeepsItsQueueInMemory) {
   goOffline();
   auto second = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
+  ASSERT_TRUE(second->TEST_waitForHandOver());
   EXPECT_TRUE(test.logSink->contains("is in use by another process of this application"));
   second->addRequestToQueue(streamingRequest("memory only"));
   ASSERT_TRUE(second->TEST_waitUntilIdle());
@@ -237,19 +429,6 @@ TEST_F(TavloAgentFileTest, ASecondAgentOfTheSameApplicationKeepsItsQueueInMemory
   settle();
   startAgent();
   EXPECT_EQ((std::vector<std::string>{"on file", "<marker>"}), levelsOf(agent->TEST_queue()));
-}
-
-TEST_F(TavloAgentFileTest, AnUnwritableDataDirectoryIsReportedOnceAndTheQueueLivesOn) {
-  agent->shutdown();
-  test.directory->writeFile("not-a-folder", "x");
-  auto files = std::make_shared<TavloPosixFileSystem>(test.directory->path() + "/not-a-folder");
-  test.platform.files = files;
-  test.reachability->setFlags(0);
-  startAgent();
-  for (int i = 0; i < 3; ++i) agent->addRequestToQueue(streamingRequest("s" + std::to_string(i)));
-  settle();
-  EXPECT_EQ(3u, agent->TEST_queue().size());
-  EXPECT_EQ(1u, test.logSink->count("requests are kept in memory only"));
 }
 
 }  // namespace

@@ -76,8 +76,14 @@ TEST_F(TavloPosixFileSystemTest, CreateDirectoriesMakesMissingLevelsWithTheExact
   ScopedUmask mask(077);
   ASSERT_FALSE(files.createDirectories(directory.pathFor("a/b/c"), 0750));
   for (const char* level : {"a", "a/b", "a/b/c"}) EXPECT_EQ(modeOf(directory.pathFor(level)), 0750u) << level;
-  EXPECT_FALSE(files.createDirectories(directory.pathFor("a/b/c/"), 0700)) << "a trailing slash names the same folder";
-  EXPECT_EQ(modeOf(directory.pathFor("a/b/c")), 0750u) << "an existing folder keeps its mode";
+  EXPECT_FALSE(files.createDirectories(directory.pathFor("a/b/c/"), 0755)) << "a trailing slash names the same folder";
+  EXPECT_EQ(modeOf(directory.pathFor("a/b/c")), 0750u) << "an existing folder is never widened";
+  ::chmod(directory.pathFor("a/b").c_str(), 0777);
+  EXPECT_FALSE(files.createDirectories(directory.pathFor("a/b/c"), 0700));
+  EXPECT_EQ(modeOf(directory.pathFor("a/b/c")), 0700u) << "the folder asked for is narrowed";
+  EXPECT_EQ(modeOf(directory.pathFor("a/b")), 0777u) << "its parents are left as they are";
+  EXPECT_FALSE(files.createDirectories(directory.pathFor("a/b"), 0700));
+  EXPECT_EQ(modeOf(directory.pathFor("a/b")), 0700u) << "a loose folder made by someone else is narrowed";
 
   directory.writeFile("plain", "a file");
   struct Case {
@@ -89,7 +95,9 @@ TEST_F(TavloPosixFileSystemTest, CreateDirectoriesMakesMissingLevelsWithTheExact
       {"the path is a file", directory.pathFor("plain"), std::errc::not_a_directory},
       {"a parent is a file", directory.pathFor("plain/below"), std::errc::not_a_directory},
       {"empty path", "", std::errc::invalid_argument},
+      {"the folder is a symbolic link", directory.pathFor("link"), std::errc::too_many_symbolic_link_levels},
   };
+  std::filesystem::create_directory_symlink(directory.pathFor("a"), directory.pathFor("link"));
   for (const Case& c : refused) EXPECT_EQ(files.createDirectories(c.path, 0700), c.expected) << c.name;
   EXPECT_EQ(contentsOf("plain"), "a file") << "a refused folder must not disturb the file in its way";
 }
@@ -180,6 +188,14 @@ TEST_F(TavloPosixFileSystemTest, ConcurrentWritersEachLeaveAWholeFile) {
   EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(written.count(contentsOf("shared")), 1u) << "the file must be one writer's contents, whole";
   EXPECT_EQ(entries(), std::set<std::string>{"shared"});
+}
+
+TEST_F(TavloPosixFileSystemTest, ALockNeverFollowsALinkPlantedAtItsName) {
+  std::filesystem::create_symlink(directory.pathFor("target"), directory.pathFor("planted.lock"));
+  std::error_code error;
+  EXPECT_FALSE(files.tryLockFile(directory.pathFor("planted.lock"), error));
+  EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
+  EXPECT_FALSE(std::filesystem::exists(directory.pathFor("target"))) << "the link's target must not be created";
 }
 
 TEST_F(TavloPosixFileSystemTest, RemoveFileRemovesOnceThenReportsMissing) {

@@ -20,7 +20,10 @@ class TAVLO_EXPORT TavloFileSystem {
   virtual std::string dataDirectory() = 0;
 
   /// Creates `path` and any missing parents with `mode` (e.g. 0700). An existing
-  /// directory is success; its mode is left as it is.
+  /// directory is success; `path` itself is then narrowed to `mode` if it allows more
+  /// (the parents that existed are left as they are), and an error when that cannot be
+  /// done or `path` is a symbolic link, so private data never sits in a folder others
+  /// can reach.
   virtual std::error_code createDirectories(const std::string& path, unsigned mode) = 0;
 
   /// Reads the whole file into `contents`. A file larger than `maxBytes` is refused with
@@ -40,6 +43,12 @@ class TAVLO_EXPORT TavloFileSystem {
    public:
     virtual ~Lock() = default;
   };
+
+  /// Removes what interrupted `writeFileAtomically` calls for `path` left behind (a
+  /// process killed in the middle of one leaves its temporary file). Call it only while
+  /// no writer of `path` can be running. Platforms whose writes leave nothing behind
+  /// keep the default, which does nothing.
+  virtual void removeLeftoverTemporaries(const std::string& path) { (void)path; }
 
   /// Takes an exclusive advisory lock on `path` (created with mode 0600 if missing)
   /// without waiting. Nothing, with `error` set, when another holder has it
