@@ -21,6 +21,7 @@ TAVLO_EXPORT std::size_t TavloPendingHitCount();
 TAVLO_EXPORT bool TavloWaitForPendingHits(double timeoutSeconds);
 
 /// Stops the library's background work for a clean exit: the exchange in flight finishes
-/// (at most its time-out), queued hits stay in the queue file for the next start, later
-/// hits are dropped. Idempotent; any thread but the library's own.
+/// (at most its time-out); when the call returns, every hit handed over before it is in
+/// the queue file for the next start; later hits are dropped. Idempotent; any thread but
+/// the library's own.
 TAVLO_EXPORT void TavloShutdown();
