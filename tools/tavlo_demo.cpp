@@ -440,9 +440,10 @@ int main(int argc, char** argv) {
 
   // The summary, then a clean exit: the tagger stops its timers as it goes, the library
   // writes its queue file, and the main queue and the server end.
-  const size_t queued = TavloPendingHitCount();
   streaming.reset();
   TavloShutdown();
+  // Counted once the library has stopped: every hit made is then in the queue or sent.
+  const size_t queued = TavloPendingHitCount();
   if (pacedQueue) pacedQueue->stop();
   if (server) server->stop();
 

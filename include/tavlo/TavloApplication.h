@@ -12,7 +12,9 @@
 TAVLO_EXPORT void TavloApplicationWillEnterForeground();
 
 /// The number of requests waiting in the process-wide queue. 0 when no tagger was used
-/// yet (this call does not start the library). Any thread.
+/// yet (this call does not start the library). A hit made a moment ago may still be on its
+/// way into the queue and not counted yet; after `TavloShutdown` the count is exact. Any
+/// thread.
 TAVLO_EXPORT std::size_t TavloPendingHitCount();
 
 /// Waits until the process-wide queue is empty or `timeoutSeconds` have passed; true when
