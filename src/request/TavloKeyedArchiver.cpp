@@ -1,6 +1,5 @@
 #include "request/TavloKeyedArchiver.h"
 
-#include <cstdlib>
 #include <exception>
 #include <string_view>
 
@@ -8,15 +7,22 @@
 
 namespace {
 
-constexpr uint64_t kArchiveVersion = 100000;
-constexpr uint64_t kNullUID = 0;
+constexpr int64_t kArchiveVersion = 100000;
+constexpr uint32_t kNullUID = 0;
 const char kReplacementCharacter[] = "\xEF\xBF\xBD";  // U+FFFD
 
-// libplist takes strings as C strings and re-encodes non-ASCII text as UTF-16 without
-// checking it: a NUL would cut the string short and a malformed sequence comes back as
-// unrelated characters, or vanishes. Replacing each bad byte with U+FFFD keeps the rest.
-std::string plistText(const std::string& text) {
-  if (TavloIsValidUTF8(text) && text.find('\0') == std::string::npos) return text;
+// Text a property-list string carries as it is: valid UTF-8 without NUL. Most text is
+// plain ASCII, which is told apart without decoding.
+bool isPlainText(std::string_view text) {
+  for (const char c : text) {
+    if (c == '\0' || static_cast<unsigned char>(c) >= 0x80) return TavloIsValidUTF8(text) && text.find('\0') == text.npos;
+  }
+  return true;
+}
+
+// Other readers of the format decode strings strictly, and libplist, which wrote these
+// files before, cut them at a NUL. Replacing each bad byte with U+FFFD keeps the rest.
+std::string plistText(std::string_view text) {
   std::string repaired;
   for (std::size_t position = 0; position < text.size();) {
     const std::size_t start = position;
@@ -30,19 +36,9 @@ std::string plistText(const std::string& text) {
   return repaired;
 }
 
-// NSKeyedArchiver reserves keys that begin with "$" for itself ("$class") and escapes a
-// coder's own such keys with one more "$"; the unarchiver applies the same rule.
-std::string archivedKey(const std::string& key) { return !key.empty() && key.front() == '$' ? "$" + key : key; }
-
-struct BinaryFree {
-  void operator()(char* bytes) const { plist_to_bin_free(bytes); }
-};
-
 }  // namespace
 
-TavloKeyedArchiver::TavloKeyedArchiver() : objects_(plist_new_array()) {
-  plist_array_append_item(objects_.get(), plist_new_string("$null"));
-}
+TavloKeyedArchiver::TavloKeyedArchiver() { objects_.push_back(writer_.string("$null")); }
 
 TavloKeyedArchiver::~TavloKeyedArchiver() = default;
 
@@ -51,8 +47,8 @@ std::string TavloKeyedArchiver::archivedDataWithRootObject(const TavloCodable& r
     TavloKeyedArchiver archiver;
     return archiver.finish(archiver.uidForRecord(root));
   } catch (...) {
-    // A record whose encoding throws leaves a half-written tree: no archive is better than
-    // a file that silently lacks part of the queue.
+    // A record whose encoding throws leaves a half-written archive: no archive is better
+    // than a file that silently lacks part of the queue.
     return {};
   }
 }
@@ -67,146 +63,191 @@ std::string TavloKeyedArchiver::archivedDataWithRootArray(const std::vector<std:
 }
 
 void TavloKeyedArchiver::encodeObject(const TavloCodable* object, const std::string& key) {
-  const uint64_t uid = object == nullptr ? kNullUID : uidForRecord(*object);
-  setInCurrent(key, PlistPtr(plist_new_uid(uid)));
+  const uint32_t uid = object == nullptr ? kNullUID : uidForRecord(*object);
+  setInCurrent(keyFor(key), writer_.uid(uid));
 }
 
 void TavloKeyedArchiver::encodeString(const TavloString& value, const std::string& key) {
-  const uint64_t uid = value ? uidForString(*value) : kNullUID;
-  setInCurrent(key, PlistPtr(plist_new_uid(uid)));
+  const uint32_t uid = value ? uidForString(*value) : kNullUID;
+  setInCurrent(keyFor(key), writer_.uid(uid));
 }
 
 void TavloKeyedArchiver::encodeDate(const std::optional<TavloDate>& value, const std::string& key) {
-  uint64_t uid = kNullUID;
+  uint32_t uid = kNullUID;
   if (value) {
-    PlistPtr date(plist_new_dict());
-    plist_dict_set_item(date.get(), "NS.time", plist_new_real(*value - TavloSecondsFrom1970To2001));
-    plist_dict_set_item(date.get(), "$class", plist_new_uid(uidForClass({"NSDate", "NSObject"})));
-    uid = appendObject(std::move(date));
+    // The class comes before the date in "$objects", as it always has.
+    const Entry entries[] = {
+        {writer_.key("NS.time"), writer_.real(*value - TavloSecondsFrom1970To2001)},
+        {writer_.key("$class"), writer_.uid(uidForClass({"NSDate", "NSObject"}))},
+    };
+    const Object date = writer_.dictionary();
+    writer_.setDictionary(date, entries);
+    uid = appendObject(date);
   }
-  setInCurrent(key, PlistPtr(plist_new_uid(uid)));
+  setInCurrent(keyFor(key), writer_.uid(uid));
 }
 
 void TavloKeyedArchiver::encodeParameters(const std::shared_ptr<const TavloParameters>& value,
                                           const std::string& key) {
-  const uint64_t uid = value ? uidForParameters(*value) : kNullUID;
-  setInCurrent(key, PlistPtr(plist_new_uid(uid)));
+  const uint32_t uid = value ? uidForParameters(*value) : kNullUID;
+  setInCurrent(keyFor(key), writer_.uid(uid));
 }
 
 void TavloKeyedArchiver::encodeInteger(int64_t value, const std::string& key) {
-  // libplist has no signed constructor; it writes a value with the top bit set as a signed
-  // 8-byte integer, which is how NSKeyedArchiver stores a negative one.
-  setInCurrent(key, PlistPtr(plist_new_uint(static_cast<uint64_t>(value))));
+  // Negative values take eight bytes, which is how NSKeyedArchiver stores them too.
+  setInCurrent(keyFor(key), writer_.integer(value));
 }
 
 void TavloKeyedArchiver::encodeBool(bool value, const std::string& key) {
-  setInCurrent(key, PlistPtr(plist_new_bool(value ? 1 : 0)));
+  setInCurrent(keyFor(key), writer_.boolean(value));
 }
 
-std::string TavloKeyedArchiver::finish(uint64_t rootUID) {
-  PlistPtr archive(plist_new_dict());
-  plist_dict_set_item(archive.get(), "$version", plist_new_uint(kArchiveVersion));
-  plist_dict_set_item(archive.get(), "$archiver", plist_new_string("NSKeyedArchiver"));
-  plist_t top = plist_new_dict();
-  plist_dict_set_item(top, "root", plist_new_uid(rootUID));
-  plist_dict_set_item(archive.get(), "$top", top);
-  plist_dict_set_item(archive.get(), "$objects", objects_.release());
-
-  char* bytes = nullptr;
-  uint32_t length = 0;
-  plist_to_bin(archive.get(), &bytes, &length);
-  const std::unique_ptr<char, BinaryFree> owned(bytes);
-  if (bytes == nullptr) return {};
-  return std::string(bytes, length);
+std::string TavloKeyedArchiver::finish(uint32_t rootUID) {
+  const Object objects = writer_.array();
+  writer_.setArray(objects, objects_);
+  const Object top = writer_.dictionary();
+  const Entry root[] = {{writer_.key("root"), writer_.uid(rootUID)}};
+  writer_.setDictionary(top, root);
+  const Object archive = writer_.dictionary();
+  const Entry entries[] = {
+      {writer_.key("$version"), writer_.integer(kArchiveVersion)},
+      {writer_.key("$archiver"), writer_.string("NSKeyedArchiver")},
+      {writer_.key("$top"), top},
+      {writer_.key("$objects"), objects},
+  };
+  writer_.setDictionary(archive, entries);
+  return writer_.finish(archive);
 }
 
-uint64_t TavloKeyedArchiver::appendObject(PlistPtr node) {
-  const uint64_t uid = plist_array_get_size(objects_.get());
-  plist_array_append_item(objects_.get(), node.release());
-  return uid;
+uint32_t TavloKeyedArchiver::appendObject(Object object) {
+  objects_.push_back(object);
+  return static_cast<uint32_t>(objects_.size() - 1);
 }
 
-uint64_t TavloKeyedArchiver::uidForRecord(const TavloCodable& object) {
+uint32_t TavloKeyedArchiver::uidForRecord(const TavloCodable& object) {
   if (const auto known = recordUIDs_.find(&object); known != recordUIDs_.end()) return known->second;
 
   // The record gets its UID before its fields are written, so a record that refers back
   // to itself (directly or through others) finds that UID instead of recursing forever.
-  PlistPtr dictionary(plist_new_dict());
-  plist_t record = dictionary.get();  // stays valid: the "$objects" array owns it from here
-  const uint64_t uid = appendObject(std::move(dictionary));
+  const Object record = writer_.dictionary();
+  const uint32_t uid = appendObject(record);
   recordUIDs_.emplace(&object, uid);
 
-  plist_t outer = current_;
-  current_ = record;
+  // Its entries gather at the end of fields_, above those of the records enclosing it.
+  const std::size_t outer = currentFields_;
+  const std::size_t first = fields_.size();
+  currentFields_ = first;
   try {
     object.encodeWithCoder(*this);
   } catch (...) {
-    current_ = outer;
+    currentFields_ = outer;
     throw;
   }
-  current_ = outer;
-  plist_dict_set_item(record, "$class", plist_new_uid(uidForClass(object.classChain())));
+  setInCurrent(writer_.key("$class"), writer_.uid(uidForClass(object.classChain())));
+  writer_.setDictionary(record, std::span<const Entry>(fields_).subspan(first));
+  fields_.resize(first);
+  currentFields_ = outer;
   return uid;
 }
 
-uint64_t TavloKeyedArchiver::uidForArray(const std::vector<std::shared_ptr<TavloCodable>>& objects) {
-  PlistPtr dictionary(plist_new_dict());
-  plist_t array = dictionary.get();
-  const uint64_t uid = appendObject(std::move(dictionary));
+uint32_t TavloKeyedArchiver::uidForArray(const std::vector<std::shared_ptr<TavloCodable>>& objects) {
+  const Object array = writer_.dictionary();
+  const uint32_t uid = appendObject(array);
 
-  PlistPtr elements(plist_new_array());
+  std::vector<Object> elements;
+  elements.reserve(objects.size());
   for (const std::shared_ptr<TavloCodable>& object : objects) {
-    const uint64_t element = object ? uidForRecord(*object) : kNullUID;
-    plist_array_append_item(elements.get(), plist_new_uid(element));
+    elements.push_back(writer_.uid(object ? uidForRecord(*object) : kNullUID));
   }
-  plist_dict_set_item(array, "NS.objects", elements.release());
-  plist_dict_set_item(array, "$class", plist_new_uid(uidForClass({"NSMutableArray", "NSArray", "NSObject"})));
+  const Object list = writer_.array();
+  writer_.setArray(list, elements);
+  const Entry entries[] = {
+      {writer_.key("NS.objects"), list},
+      {writer_.key("$class"), writer_.uid(uidForClass({"NSMutableArray", "NSArray", "NSObject"}))},
+  };
+  writer_.setDictionary(array, entries);
   return uid;
 }
 
-uint64_t TavloKeyedArchiver::uidForString(const std::string& value) {
-  if (const auto known = stringUIDs_.find(value); known != stringUIDs_.end()) return known->second;
-  const uint64_t uid = appendObject(PlistPtr(plist_new_string(plistText(value).c_str())));
-  stringUIDs_.emplace(value, uid);
+uint32_t TavloKeyedArchiver::uidForString(const std::string& value) {
+  if (isPlainText(value)) {
+    // Equal text is one object of the writer: its UID, once it has one, is found by it.
+    const Object text = writer_.string(value);
+    if (text >= stringUIDs_.size()) stringUIDs_.resize(text + 1, kNullUID);
+    if (stringUIDs_[text] == kNullUID) stringUIDs_[text] = appendObject(text);
+    return stringUIDs_[text];
+  }
+  // Uniqued by the text as given: two different damaged strings stay two objects.
+  if (const auto known = repairedStringUIDs_.find(value); known != repairedStringUIDs_.end()) return known->second;
+  const uint32_t uid = appendObject(writer_.string(plistText(value)));
+  repairedStringUIDs_.emplace(value, uid);
   return uid;
 }
 
-uint64_t TavloKeyedArchiver::uidForParameters(const TavloParameters& parameters) {
+uint32_t TavloKeyedArchiver::uidForParameters(const TavloParameters& parameters) {
   // Requests copied from one another hold the same dictionary: write it once.
   if (const auto known = parametersUIDs_.find(&parameters); known != parametersUIDs_.end()) return known->second;
 
-  PlistPtr keys(plist_new_array());
-  PlistPtr values(plist_new_array());
+  std::vector<Object> keysAndValues(2 * parameters.size());
+  std::size_t i = 0;
   for (const auto& [key, value] : parameters) {
-    plist_array_append_item(keys.get(), plist_new_uid(uidForString(key)));
-    plist_array_append_item(values.get(), plist_new_uid(uidForString(value)));
+    keysAndValues[i] = writer_.uid(uidForString(key));
+    keysAndValues[parameters.size() + i] = writer_.uid(uidForString(value));
+    ++i;
   }
-  PlistPtr dictionary(plist_new_dict());
-  plist_dict_set_item(dictionary.get(), "NS.keys", keys.release());
-  plist_dict_set_item(dictionary.get(), "NS.objects", values.release());
-  plist_dict_set_item(dictionary.get(), "$class", plist_new_uid(uidForClass({"NSDictionary", "NSObject"})));
-  const uint64_t uid = appendObject(std::move(dictionary));
+  const std::span<const Object> all(keysAndValues);
+  const Object keys = writer_.array();
+  writer_.setArray(keys, all.first(parameters.size()));
+  const Object values = writer_.array();
+  writer_.setArray(values, all.subspan(parameters.size()));
+  const Entry entries[] = {
+      {writer_.key("NS.keys"), keys},
+      {writer_.key("NS.objects"), values},
+      {writer_.key("$class"), writer_.uid(uidForClass({"NSDictionary", "NSObject"}))},
+  };
+  const Object dictionary = writer_.dictionary();
+  writer_.setDictionary(dictionary, entries);
+  const uint32_t uid = appendObject(dictionary);
   parametersUIDs_.emplace(&parameters, uid);
   return uid;
 }
 
-uint64_t TavloKeyedArchiver::uidForClass(const std::vector<std::string>& chain) {
+uint32_t TavloKeyedArchiver::uidForClass(const std::vector<std::string>& chain) {
   // A record without a chain still needs a class a reader can name.
   const std::vector<std::string> classes = chain.empty() ? std::vector<std::string>{"NSObject"} : chain;
   if (const auto known = classUIDs_.find(classes.front()); known != classUIDs_.end()) return known->second;
 
-  PlistPtr names(plist_new_array());
-  for (const std::string& name : classes) plist_array_append_item(names.get(), plist_new_string(plistText(name).c_str()));
-  PlistPtr description(plist_new_dict());
-  plist_dict_set_item(description.get(), "$classname", plist_new_string(plistText(classes.front()).c_str()));
-  plist_dict_set_item(description.get(), "$classes", names.release());
-  const uint64_t uid = appendObject(std::move(description));
+  std::vector<Object> names;
+  for (const std::string& name : classes) names.push_back(writer_.string(plistText(name)));
+  const Object list = writer_.array();
+  writer_.setArray(list, names);
+  const Entry entries[] = {
+      {writer_.key("$classname"), writer_.string(plistText(classes.front()))},
+      {writer_.key("$classes"), list},
+  };
+  const Object description = writer_.dictionary();
+  writer_.setDictionary(description, entries);
+  const uint32_t uid = appendObject(description);
   classUIDs_.emplace(classes.front(), uid);
   return uid;
 }
 
-void TavloKeyedArchiver::setInCurrent(const std::string& key, PlistPtr node) {
+TavloKeyedArchiver::Object TavloKeyedArchiver::keyFor(const std::string& key) {
+  // NSKeyedArchiver reserves keys that begin with "$" for itself ("$class") and escapes a
+  // coder's own such keys with one more "$"; the unarchiver applies the same rule.
+  if (!key.empty() && key.front() == '$') return writer_.key(plistText("$" + key));
+  return isPlainText(key) ? writer_.key(key) : writer_.key(plistText(key));
+}
+
+void TavloKeyedArchiver::setInCurrent(Object key, Object value) {
   // Encode calls made outside encodeWithCoder have no record to land in.
-  if (current_ == nullptr) return;
-  plist_dict_set_item(current_, plistText(archivedKey(key)).c_str(), node.release());
+  if (currentFields_ == kNoRecord) return;
+  // A key written twice keeps its first place and its last value.
+  for (std::size_t i = currentFields_; i < fields_.size(); ++i) {
+    if (fields_[i].key == key) {
+      fields_[i].value = value;
+      return;
+    }
+  }
+  fields_.push_back(Entry{key, value});
 }

@@ -9,10 +9,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
-#include <plist/plist.h>
-
+#include "archive/TavloBinaryPlistReader.h"
 #include "request/TavloCodable.h"
 #include "tavlo/TavloTypes.h"
 
@@ -29,17 +29,24 @@ using TavloClassTable = std::map<std::string, TavloDecoder>;
 /// input is untrusted: a damaged or hostile file yields no object, or a record whose
 /// damaged keys read as their defaults (nil, 0, false), and never a crash, a hang or
 /// unbounded memory:
-///  - input larger than `maxArchiveBytes` is refused before parsing;
+///  - input larger than `maxArchiveBytes` is refused before reading;
+///  - the property list is read in place through TavloBinaryPlistReader, which checks
+///    every access against the bounds of the file; nothing is expanded into a tree, so
+///    deep nesting and objects shared many times cost nothing until they are read;
 ///  - every UID is range-checked; a record that refers back to itself, directly or not,
 ///    is a cycle and decodes as no object;
 ///  - each archived object is decoded at most once (later references share the result),
-///    so the work is linear in the size of the archive;
+///    and an archive of more than `maxArchivedObjects` objects is refused;
 ///  - nesting deeper than `maxDepth` decodes as no object;
-///  - the property list is checked before libplist parses it: containers nested deeper
-///    than a valid archive ever needs, or objects shared so often that the parsed tree
-///    would balloon past a million nodes, refuse the whole archive;
+///  - the work of one call is capped: each dictionary entry compared and each array
+///    element visited counts one step, each byte of a class name one; an archive that
+///    needs more than `maxSteps` is refused whole (the library's own need a few hundred
+///    steps per request);
 ///  - text copied out of the archive (strings, dictionary entries) is capped at twice
-///    `maxArchiveBytes` per call; past the cap strings read as nil.
+///    `maxArchiveBytes` per call, counted before it is copied; past the cap strings read
+///    as nil.
+/// Reading is linear in what is read: a queue of 500 requests loads in a few
+/// milliseconds (bench/TavloQueueFileBench.cpp measures it).
 ///
 /// Decode operations are for use inside a TavloDecoder only, on the thread running the
 /// unarchiving call.
@@ -47,6 +54,8 @@ class TavloKeyedUnarchiver {
  public:
   static constexpr std::size_t maxArchiveBytes = 16 * 1024 * 1024;
   static constexpr int maxDepth = 16;
+  static constexpr std::size_t maxArchivedObjects = std::size_t{1} << 20;
+  static constexpr uint64_t maxSteps = uint64_t{1} << 24;
 
   /// The root object, or null with `error` (if given) saying why.
   static std::shared_ptr<TavloCodable> unarchivedObjectWithData(std::string_view data, const TavloClassTable& classes,
@@ -77,10 +86,9 @@ class TavloKeyedUnarchiver {
   TavloKeyedUnarchiver& operator=(const TavloKeyedUnarchiver&) = delete;
 
  private:
-  struct PlistFree {
-    void operator()(plist_t node) const { plist_free(node); }
-  };
-  using PlistPtr = std::unique_ptr<void, PlistFree>;
+  using Reader = TavloBinaryPlistReader;
+  using Object = TavloBinaryPlistReader::Object;
+  using Index = std::optional<uint64_t>;  // a property-list object, if there is one
 
   enum class DecodeState { NotStarted, InProgress, Done };
   struct Slot {
@@ -88,24 +96,30 @@ class TavloKeyedUnarchiver {
     std::shared_ptr<TavloCodable> record;
   };
 
-  TavloKeyedUnarchiver(PlistPtr archive, const TavloClassTable& classes);
-  static PlistPtr parseArchive(std::string_view data, std::string* error);
-  plist_t rootNode(std::string* error) const;
+  TavloKeyedUnarchiver(const Reader& reader, const TavloClassTable& classes);
+  static bool openArchive(std::string_view data, Reader& reader, std::string* error);
+  Index rootUIDNode(std::string* error);
+  std::string limitError() const;
 
-  plist_t valueForKey(const std::string& key) const;
-  plist_t objectAt(plist_t uidNode) const;
-  std::shared_ptr<TavloCodable> decodeRecordAt(plist_t uidNode, std::string* why = nullptr);
-  TavloString classNameOf(plist_t object) const;
-  TavloString stringAt(plist_t uidNode) const;
-  std::shared_ptr<const TavloParameters> parametersAt(plist_t uidNode);
+  bool charge(uint64_t steps) const;
+  Index lookup(const Object& dictionary, std::string_view key) const;
+  Index valueForKey(const std::string& key) const;
+  Object archivedObject(Index uidNode, uint64_t* uid = nullptr);
+  std::shared_ptr<TavloCodable> decodeRecordAt(Index uidNode, std::string* why = nullptr);
+  TavloString classNameOf(const Object& object);
+  Object stringObjectAt(Index uidNode);
+  TavloString copyText(const Object& string, std::size_t overhead);
+  std::shared_ptr<const TavloParameters> parametersAt(Index uidNode);
   bool chargeDecodedBytes(std::size_t bytes);
 
-  PlistPtr archive_;
-  plist_t objects_ = nullptr;  // the "$objects" array, inside archive_
+  const Reader& reader_;
   const TavloClassTable& classes_;
-  std::vector<Slot> slots_;    // one per entry of objects_, by UID
-  std::map<uint64_t, std::shared_ptr<const TavloParameters>> parameters_;  // decoded dictionaries, by UID
-  plist_t current_ = nullptr;  // dictionary of the record being decoded
+  Object objects_;           // the "$objects" array
+  std::vector<Slot> slots_;  // one per entry of objects_, by UID
+  std::unordered_map<uint64_t, std::shared_ptr<const TavloParameters>> parameters_;  // decoded dictionaries, by UID
+  Object current_;           // dictionary of the record being decoded
   int depth_ = 0;
+  mutable uint64_t steps_ = 0;  // work done so far, against maxSteps
+  mutable bool exhausted_ = false;
   std::size_t decodedBytes_ = 0;  // text copied out of the archive so far
 };
