@@ -416,7 +416,9 @@ void TavloAgent::handleRequests() {
     }
     // The exchange runs without requestsProtector: hits handed over meanwhile reach the
     // queue and the file at once instead of waiting for the network.
-    TavloLogger::log("Handling request " + request->description(platform_.endpoints), TavloLoggingModeInfo);
+    if (TavloLogger::wouldLog(TavloLoggingModeInfo)) {
+      TavloLogger::log("Handling request " + request->description(platform_.endpoints), TavloLoggingModeInfo);
+    }
     const std::optional<TavloError> error = handleRequest(request);
     bool sendStop = false;
     {
@@ -434,14 +436,17 @@ void TavloAgent::handleRequests() {
 
 bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error) {
   // The request is described as it was sent: with its authorisation and network name.
-  const std::string description = request->description(platform_.endpoints);
+  const auto logOutcome = [&](const char* outcome, TavloLoggingMode mode) {
+    if (TavloLogger::wouldLog(mode)) {
+      TavloLogger::log("Request " + request->description(platform_.endpoints) + outcome, mode);
+    }
+  };
   if (error && (error->code == TavloErrorNotReachable || error->code == TavloErrorNoAnswer)) {
-    TavloLogger::log("Request " + description + " handling resulted in a timeout or lack of connection",
-                     TavloLoggingModeWarning);
+    logOutcome(" handling resulted in a timeout or lack of connection", TavloLoggingModeWarning);
     if (requestQueue.size() > kMaximumQueueLength) removeRequestFromQueue(request);
     return false;
   }
-  TavloLogger::log("Request " + description + " handling done", TavloLoggingModeInfo);
+  logOutcome(" handling done", TavloLoggingModeInfo);
   removeRequestFromQueue(request);
   return request->shouldRenewSessionAfter() && request->sendingMode() == TavloSendingModeDisconnected;
 }
@@ -500,9 +505,12 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
     return TavloError{TavloErrorDomain, TavloErrorNoAnswer};
   }
   if (*response.status == 200) {
-    const std::string sent = "Request " + request->description(platform_.endpoints) + " sent";
+    // Described before the serial's first hit is marked sent, as the line has always read.
+    const std::string sent = TavloLogger::wouldLog(TavloLoggingModeInfo)
+                                 ? "Request " + request->description(platform_.endpoints) + " sent"
+                                 : std::string();
     if (request->requestType() == TavloRequestTypeAudience && tagger) authManager_->hitSuccessfullySentForTagger(*tagger);
-    TavloLogger::log(sent, TavloLoggingModeInfo);
+    if (!sent.empty()) TavloLogger::log(sent, TavloLoggingModeInfo);
   }
   // Any other status: done, dropped without a retry.
   return std::nullopt;

@@ -31,6 +31,12 @@ class TavloLogger {
   /// Prints or drops `message` at level `mode`.
   static void log(const std::string& message, int64_t mode);
 
+  /// Whether a message at level `mode` would be written now. Lets a caller skip building
+  /// a costly text (a request's description) that the threshold would drop anyway.
+  static bool wouldLog(int64_t mode) {
+    return static_cast<uint64_t>(sharedLogger().loggingMode()) <= static_cast<uint64_t>(mode);
+  }
+
   /// The level word printed for `mode`: "INFO", "WARNING", "ERROR", or "" for any other.
   static const char* levelWord(int64_t mode);
 
