@@ -1,11 +1,15 @@
 #include "platform/TavloCurlHttpClient.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
+
+#include "platform/TavloHttpLimits.h"
+#include "util/TavloLogSafe.h"
 
 namespace {
 
@@ -50,13 +54,56 @@ bool isHeaderName(const std::string& name) {
 // A line break would end the header and start one the caller never wrote.
 bool isHeaderValue(const std::string& value) { return value.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos; }
 
+// libcurl writes the request line and every header into one buffer of this size and
+// answers "Out of memory" for a request that does not fit.
+constexpr std::size_t curlRequestHeadLimit = 1024 * 1024;
+
+// The bytes of the request head libcurl will write, from above: the target (at most the
+// whole URL, as sent to a proxy), "Host" (the URL's authority), the caller's headers,
+// and a margin for the method, version, "Accept", a proxy's keep-alive header and the
+// line ends.
+std::size_t requestHeadBytes(const TavloHttpRequest& request) {
+  const std::string_view url = request.url;
+  const std::size_t schemeEnd = url.find("://");
+  const std::size_t authorityStart = schemeEnd == std::string_view::npos ? 0 : schemeEnd + 3;
+  const std::size_t authorityEnd = std::min(url.size(), url.find_first_of("/?#", authorityStart));
+  std::size_t bytes = url.size() + (authorityEnd - authorityStart) + 128;
+  for (const auto& [name, value] : request.headers) bytes += name.size() + value.size() + 4;
+  return bytes;
+}
+
+// The scheme before "://", lower-cased; empty when the URL does not start with one.
+std::string schemeOf(std::string_view url) {
+  const std::size_t end = url.find("://");
+  if (end == std::string_view::npos || end == 0) return {};
+  std::string scheme;
+  for (char c : url.substr(0, end)) {
+    const bool letter = (c | 0x20) >= 'a' && (c | 0x20) <= 'z';
+    if (!letter && (scheme.empty() || std::string_view("0123456789+-.").find(c) == std::string_view::npos)) return {};
+    scheme += letter ? static_cast<char>(c | 0x20) : c;
+  }
+  return scheme;
+}
+
 // Why `request` cannot be sent as it is; empty when it can.
 std::string refusalOf(const TavloHttpRequest& request) {
   if (request.url.empty()) return "empty URL; request not sent";
+  // Checked here rather than left to libcurl: it gives the same code for a scheme it
+  // will not speak and for a server that answers without an HTTP status line.
+  if (const std::string scheme = schemeOf(request.url); !scheme.empty() && scheme != "http" && scheme != "https") {
+    return "unsupported protocol (only http and https are sent); request not sent";
+  }
   if (request.url.find('\0') != std::string::npos) return "URL holds a NUL byte; request not sent";
+  if (request.url.size() > TavloMaxUrlBytes) {
+    return "URL of " + std::to_string(request.url.size()) + " bytes is longer than the " +
+           std::to_string(TavloMaxUrlBytes) + " the library sends; request not sent";
+  }
   for (const auto& [name, value] : request.headers) {
-    if (!isHeaderName(name)) return "unusable request header name \"" + name + "\"; request not sent";
+    if (!isHeaderName(name)) return "unusable request header name \"" + TavloLogSafe(name) + "\"; request not sent";
     if (!isHeaderValue(value)) return "request header \"" + name + "\" holds a line break or NUL; request not sent";
+  }
+  if (requestHeadBytes(request) >= curlRequestHeadLimit) {
+    return "request line and headers exceed " + std::to_string(curlRequestHeadLimit) + " bytes; request not sent";
   }
   return {};
 }
@@ -172,6 +219,30 @@ TavloHttpResponse noResponse(std::string error) {
   return response;
 }
 
+TavloHttpResponse invalidRequest(std::string error) {
+  TavloHttpResponse response = noResponse(std::move(error));
+  response.requestInvalid = true;
+  return response;
+}
+
+// Whether libcurl refused the request itself, before sending anything, for what the
+// request is rather than for the state of the network or the machine: the same request
+// would be refused again.
+bool isLocalRefusal(CURLcode code, const Exchange& exchange, const TavloHttpRequest& request) {
+  switch (code) {
+    case CURLE_URL_MALFORMAT:
+    case CURLE_BAD_FUNCTION_ARGUMENT:
+    case CURLE_NOT_BUILT_IN:
+      return true;
+    case CURLE_OUT_OF_MEMORY:
+      // Before any answer, on a request this large, it is the request head that did not
+      // fit libcurl's buffer, not a shortage of memory.
+      return exchange.headerBytes == 0 && !exchange.outOfMemory && requestHeadBytes(request) > TavloMaxUrlBytes;
+    default:
+      return false;
+  }
+}
+
 std::string transportError(CURLcode code, const Exchange& exchange, const char* details) {
   if (exchange.bodyTooLarge || code == CURLE_FILESIZE_EXCEEDED) {
     return "response body larger than " + std::to_string(exchange.maxBodyBytes) + " bytes; transfer abandoned";
@@ -249,7 +320,7 @@ TavloHttpResponse TavloCurlHttpClient::get(const TavloHttpRequest& request) {
   if (const CURLcode initialised = globalInitialisation(); initialised != CURLE_OK) {
     return noResponse(std::string("libcurl could not be initialised: ") + curl_easy_strerror(initialised));
   }
-  if (std::string refusal = refusalOf(request); !refusal.empty()) return noResponse(std::move(refusal));
+  if (std::string refusal = refusalOf(request); !refusal.empty()) return invalidRequest(std::move(refusal));
 
   bool headersComplete = false;
   const HeaderList headers = headerListOf(request.headers, headersComplete);
@@ -282,11 +353,16 @@ TavloHttpResponse TavloCurlHttpClient::get(const TavloHttpRequest& request) {
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
   if (const CURLcode accepted = curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str()); accepted != CURLE_OK) {
-    return noResponse(std::string("unusable URL (") + curl_easy_strerror(accepted) + "); request not sent");
+    std::string error = std::string("unusable URL (") + curl_easy_strerror(accepted) + "); request not sent";
+    return accepted == CURLE_OUT_OF_MEMORY ? noResponse(std::move(error)) : invalidRequest(std::move(error));
   }
 
   const CURLcode outcome = curl_easy_perform(handle);
-  if (outcome != CURLE_OK) return noResponse(transportError(outcome, exchange, details));
+  if (outcome != CURLE_OK) {
+    std::string error = transportError(outcome, exchange, details);
+    if (isLocalRefusal(outcome, exchange, request)) return invalidRequest(error + "; request not sent");
+    return noResponse(std::move(error));
+  }
 
   long status = 0;
   curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);

@@ -27,10 +27,14 @@
 /// What is answered:
 ///  - a response arrived: its final status (error statuses included), the headers of
 ///    that final response only, and the body as raw bytes;
-///  - anything else (refused, timed out, reset, a body over the limit, an unusable
-///    request): no status, no headers, no body, and the reason in `error`.
-/// A request that could only be sent by changing it (a header holding a line break,
-/// which would inject headers of its own, or a URL holding a NUL) is not sent at all.
+///  - a request that cannot be formed: `requestInvalid`, no status, and the reason in
+///    `error`. Nothing is sent. That is a request that could only be sent by changing it
+///    (a header holding a line break, which would inject headers of its own, or a URL
+///    holding a NUL), a URL longer than TavloMaxUrlBytes or whose request head would not
+///    fit libcurl's buffer, and whatever libcurl itself refuses to send (a malformed URL,
+///    a scheme other than http and https);
+///  - anything else (refused, timed out, reset, a body over the limit): no status, no
+///    headers, no body, and the reason in `error`.
 ///
 /// Callable from any thread. The destructor requires that no call is in progress.
 class TavloCurlHttpClient : public TavloHttpClient {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/TavloCurlHttpClient.h"
+#include "platform/TavloHttpLimits.h"
 #include "support/TavloScopedEnvironmentVariable.h"
 #include "support/TavloTestServer.h"
 
@@ -166,19 +167,27 @@ TEST(TavloCurlHttpClient, WritesTheRequestHeadByteForByte) {
   EXPECT_EQ(expected, server.requestHeads()) << "the caller's headers in order, and nothing beyond Host and Accept";
 }
 
-TEST_F(TavloCurlHttpClient_, RefusesUnusableRequestsWithoutSendingAnything) {
+TEST_F(TavloCurlHttpClient_, RefusesRequestsThatCannotBeFormedWithoutSendingAnything) {
   struct Case {
     const char* what;
     TavloHttpRequest request;
     const char* errorFragment;
   };
   const std::string base = server.baseURL();
+  const std::string longest = base + "/" + std::string(TavloMaxUrlBytes - base.size() - 1, 'a');
   const std::vector<Case> cases = {
       {"empty URL", requestFor(""), "empty URL"},
       {"NUL in URL", requestFor(base + std::string("/a\0/b", 5)), "NUL"},
       {"file scheme", requestFor("file:///etc/passwd"), "protocol"},
       {"malformed URL", requestFor("http://[::1/"), "URL"},
-      {"line break in a value", {base + "/", {{"User-Agent", "a\r\nX-Injected: 1"}}, 10}, "line break"},
+      {"blank in the host", requestFor("http://a b/"), "URL"},
+      {"port out of range", requestFor("http://127.0.0.1:99999/"), "URL"},
+      {"line break in the URL", requestFor(base + "/a\r\nX-Injected: 1"), "URL"},
+      {"URL one byte too long", requestFor(longest + "a"), "longer than"},
+      {"URL over libcurl's 8 MB", requestFor(longest + std::string(8 << 20, 'a')), "longer than"},
+      {"head over 1 MiB", {longest, {{"User-Agent", std::string(100 << 10, 'u')}}, 10}, "exceed"},
+      {"line break in an application version",
+       {base + "/", {{"User-Agent", "App/1.0\r\nX-Injected: 1 Tavlo SDK v5.4.5 apple tv"}}, 10}, "line break"},
       {"bare LF in a value", {base + "/", {{"User-Agent", "a\nX-Injected: 1"}}, 10}, "line break"},
       {"NUL in a value", {base + "/", {{"User-Agent", std::string("a\0b", 3)}}, 10}, "NUL"},
       {"empty name", {base + "/", {{"", "value"}}, 10}, "header name"},
@@ -188,10 +197,21 @@ TEST_F(TavloCurlHttpClient_, RefusesUnusableRequestsWithoutSendingAnything) {
   for (const Case& c : cases) {
     const TavloHttpResponse response = client.get(c.request);
     EXPECT_EQ(std::nullopt, response.status) << c.what;
-    EXPECT_NE(std::string::npos, response.error.find(c.errorFragment)) << c.what << ": " << response.error;
+    EXPECT_TRUE(response.requestInvalid) << c.what << ": reported as no answer, so it would be retried for ever";
+    EXPECT_NE(std::string::npos, response.error.find(c.errorFragment)) << c.what << ": " << response.error.substr(0, 200);
     EXPECT_TRUE(response.headers.empty() && response.body.empty()) << c.what;
   }
   EXPECT_EQ(0u, server.requestCount()) << "a refused request reached the server";
+}
+
+TEST(TavloCurlHttpClient, SendsTheLongestURLTheLibraryAllows) {
+  RawHttpServer server("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+  const std::string base = server.baseURL() + "/m/web/?x=";
+  TavloHttpRequest request = requestFor(base + std::string(TavloMaxUrlBytes - base.size(), 'a'));
+  request.headers = {{"User-Agent", std::string(4096, 'u')}};
+  const TavloHttpResponse response = TavloCurlHttpClient().get(request);
+  EXPECT_EQ(std::optional<long>(200), response.status) << response.error;
+  EXPECT_FALSE(response.requestInvalid);
 }
 
 TEST(TavloCurlHttpClient, KeepsBinaryBodiesUpToItsBoundAndAbandonsLargerOnesAlone) {
@@ -276,6 +296,7 @@ TEST(TavloCurlHttpClient, ReadsOnlyTheFinalResponsesHeadersAndRefusesBrokenAnswe
     EXPECT_EQ(c.expectedHeaders, response.headers) << c.what;
     EXPECT_EQ(c.body, response.body) << c.what;
     EXPECT_EQ(c.status.has_value(), response.error.empty()) << c.what << ": " << response.error;
+    EXPECT_FALSE(response.requestInvalid) << c.what << ": the server's fault, not the request's";
     EXPECT_NE(std::string::npos, response.error.find(c.errorFragment ? c.errorFragment : "")) << c.what;
   }
 }
@@ -285,6 +306,7 @@ TEST(TavloCurlHttpClient, ReportsARefusedConnectionAsNoResponse) {
   nothingListens.close();
   const TavloHttpResponse response = TavloCurlHttpClient().get(requestFor(nothingListens.baseURL() + "/"));
   EXPECT_EQ(std::nullopt, response.status);
+  EXPECT_FALSE(response.requestInvalid) << "the same request may succeed once the server is back";
   EXPECT_NE(std::string::npos, response.error.find("Couldn't connect")) << response.error;
 }
 

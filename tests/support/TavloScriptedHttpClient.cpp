@@ -70,3 +70,9 @@ TavloHttpResponse TavloScriptedHttpClient::noResponse(std::string error) {
   response.error = std::move(error);
   return response;
 }
+
+TavloHttpResponse TavloScriptedHttpClient::invalidRequest(std::string error) {
+  TavloHttpResponse response = noResponse(std::move(error));
+  response.requestInvalid = true;
+  return response;
+}

@@ -20,6 +20,7 @@
 ///
 ///   test.http->enqueue(TavloScriptedHttpClient::answer(200, "access=full|host=...|cmsVI=1"));
 ///   test.http->enqueue(TavloScriptedHttpClient::noResponse("timed out"));
+///   test.http->enqueue(TavloScriptedHttpClient::invalidRequest());
 ///   test.http->setHandler([](const TavloHttpRequest&) { return TavloScriptedHttpClient::answer(500); });
 ///
 /// Callable from any thread; `scriptProtector` guards the state. The handler runs
@@ -58,6 +59,8 @@ class TavloScriptedHttpClient : public TavloHttpClient {
   static TavloHttpResponse answer(long status, std::string body = {}, TavloHttpHeaders headers = {});
   /// No response at all, as when the server is unreachable or too slow.
   static TavloHttpResponse noResponse(std::string error = "Couldn't connect to server");
+  /// A request the client refused to send because it cannot be formed (`requestInvalid`).
+  static TavloHttpResponse invalidRequest(std::string error = "URL using bad/illegal format or missing URL");
 
  private:
   mutable std::mutex scriptProtector;

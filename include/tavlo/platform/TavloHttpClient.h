@@ -19,15 +19,18 @@ struct TAVLO_EXPORT TavloHttpRequest {
 };
 
 struct TAVLO_EXPORT TavloHttpResponse {
-  /// The HTTP status, or nothing when no response arrived (refused, timed out, reset).
+  /// The HTTP status, or nothing when no response arrived (refused, timed out, reset)
+  /// or the request could not be sent at all (see `requestInvalid`).
   std::optional<long> status;
   /// What went wrong at the transport level; empty when a response arrived.
   std::string error;
-  /// The request was refused before anything was sent: it cannot be formed (a malformed
-  /// or oversized URL, a header with CR, LF or NUL, ...). Sending it again cannot help.
-  bool requestInvalid = false;
   TavloHttpHeaders headers;
   std::string body;
+  /// The request was refused before anything was sent: it cannot be formed (a malformed
+  /// or oversized URL, a scheme other than http or https, a header with CR, LF or NUL,
+  /// ...). Sending it again cannot help. `status` is then empty and `error` says what
+  /// was wrong; every other failure leaves this false.
+  bool requestInvalid = false;
 
   /// The first header of that name, compared without regard to case.
   std::optional<std::string> header(const std::string& name) const;
