@@ -30,7 +30,10 @@ class TAVLO_EXPORT TavloAudienceTagger : public TavloTagger {
  public:
   /// The tagger for `serial` and `customerData` (nil allowed: it is sent as "crmid" when
   /// present), made and registered on first use. A nil or empty serial gives a tagger
-  /// whose hits are dropped with an error line: they could not be attributed.
+  /// whose hits are dropped with an error line: they could not be attributed. A serial
+  /// that cannot stand as one segment of a URL path (holding "/", "?", "#", "%", a
+  /// blank, a control or non-ASCII character, or being "." or "..") gives a tagger whose
+  /// hits are dropped; one error line says so when the tagger is made.
   static std::shared_ptr<TavloAudienceTagger> TavloAudienceTaggerWithSerial(TavloString serial,
                                                                             TavloString customerData = std::nullopt);
 

@@ -95,7 +95,10 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
   /// A serial or media name that is absent or made of blanks only gives a tagger whose
   /// canSend() is false: it logs "Init streaming tag failed : serial is mandatory" (or
   /// "... : mediaName is mandatory"), skips the configuration callback, and never sends.
-  /// Otherwise both are kept exactly as given, blanks included.
+  /// So does a serial that cannot stand as one segment of a URL path (holding "/", "?",
+  /// "#", "%", a blank, a control or non-ASCII character, or being "." or ".."), with
+  /// one error line naming it. Otherwise both are kept exactly as given, the media
+  /// name's blanks included.
   static std::shared_ptr<TavloStreamingTagger> TavloStreamingTaggerWithSerial(
       TavloString serial, TavloString mediaName, int64_t mediaVolume, TavloString mediaURL, int64_t mediaLength,
       TavloStreamingType streamingType, ConfigurationBlock configurationBlock = nullptr);

@@ -9,6 +9,8 @@
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 #include "tagging/TavloText.h"
+#include "util/TavloLogSafe.h"
+#include "util/TavloUrlSafety.h"
 
 namespace {
 
@@ -103,8 +105,8 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
   bool isDefault = true;
 
   // The authorisation URL is the endpoint, "/" and the serial, unescaped: a serial that
-  // could not stand in a URL makes no request at all.
-  if (serial && TavloIsURLSafeText(*serial) && platform_.httpClient) {
+  // could not stand there as one path segment makes no request at all.
+  if (serial && TavloIsUsableSerial(*serial) && platform_.httpClient) {
     TavloHttpRequest request;
     request.url = platform_.endpoints.authorisation + "/" + *serial;
     request.headers = {{"User-Agent", TavloDefaultParameters::userAgentOf(*platform_.deviceInfo)}};
@@ -123,8 +125,16 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
       const auto accessWord = pairs.find("access");
       const auto host = pairs.find("host");
       const auto cmsVI = pairs.find("cmsVI");
-      if (accessWord != pairs.end() && host != pairs.end() && cmsVI != pairs.end()) {
-        TavloLogger::log("Access for serial " + *serial + " is " + accessWord->second + " on host " + host->second,
+      // A host that is no absolute http(s) address, or that carries a query or fragment
+      // of its own, would lose or misdirect every hit: such an answer is no answer.
+      if (host != pairs.end() && !TavloIsUsableHostURL(host->second)) {
+        TavloLogger::log("The authorisation answer for serial " + *serial + " names the host \"" +
+                             TavloLogSafe(host->second) +
+                             "\", which is not an http or https address usable for hits; the defaults apply",
+                         TavloLoggingModeWarning);
+      } else if (accessWord != pairs.end() && host != pairs.end() && cmsVI != pairs.end()) {
+        TavloLogger::log("Access for serial " + *serial + " is " + TavloLogSafe(accessWord->second) + " on host " +
+                             host->second,
                          TavloLoggingModeInfo);
         auto answered = TavloAccess::TavloAccessWithSerial(serial, accessModeFromString(accessWord->second),
                                                            host->second);
@@ -139,7 +149,8 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
     }
   }
 
-  TavloLogger::log("Serial " + access->serial().value_or("(null)") + " on host " + access->host().value_or("(null)"),
+  TavloLogger::log("Serial " + TavloLogSafe(access->serial().value_or("(null)")) + " on host " +
+                       TavloLogSafe(access->host().value_or("(null)")),
                    TavloLoggingModeInfo);
   setAuthToCache(TavloAuth::TavloAuthWithSession(session, access, isDefault), tagger);
 }

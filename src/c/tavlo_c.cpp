@@ -19,13 +19,14 @@
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/TavloVersion.h"
 #include "tavlo/tavlo.h"
+#include "util/TavloLogSafe.h"
 
 namespace {
 
 // Logging must not throw either: a line that cannot be built or written is lost.
 void logError(const char* function, const char* what) noexcept {
   try {
-    TavloLogger::log(std::string(function) + " - " + what, TavloLoggingModeError);
+    TavloLogger::log(std::string(function) + " - " + TavloLogSafe(what), TavloLoggingModeError);
   } catch (...) {
   }
 }

@@ -2,6 +2,7 @@
 
 #include "platform/TavloInstalledPlatform.h"
 #include "tavlo/platform/TavloLogSink.h"
+#include "util/TavloLogSafe.h"
 
 TavloLogger& TavloLogger::sharedLogger() {
   // Never destroyed: threads that outlive static destruction may still log.
@@ -37,7 +38,7 @@ void TavloLogger::runReportingFailures(const std::string& queue, const std::func
   try {
     task();
   } catch (const std::exception& failure) {
-    log("A " + queue + " task threw (" + failure.what() + "); it was dropped and the queue goes on",
+    log("A " + queue + " task threw (" + TavloLogSafe(failure.what()) + "); it was dropped and the queue goes on",
         TavloLoggingModeError);
   } catch (...) {
     log("A " + queue + " task threw an unknown exception; it was dropped and the queue goes on", TavloLoggingModeError);

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "platform/TavloLogger.h"
+#include "util/TavloLogSafe.h"
 #include "platform/TavloNetlinkSocket.h"
 #include "platform/TavloNetworkSnapshot.h"
 
@@ -147,7 +148,7 @@ void reportIfChanged(Watch& watch) {
   try {
     onChange(*flags);
   } catch (const std::exception& failure) {
-    TavloLogger::log(std::string("A reachability change callback threw (") + failure.what() + "); watching goes on",
+    TavloLogger::log("A reachability change callback threw (" + TavloLogSafe(failure.what()) + "); watching goes on",
                      TavloLoggingModeError);
   } catch (...) {
     TavloLogger::log("A reachability change callback threw an unknown exception; watching goes on", TavloLoggingModeError);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/TavloLogger.h"
+#include "util/TavloLogSafe.h"
 
 namespace {
 
@@ -12,10 +13,11 @@ void callLoggingFailures(const TavloNotificationObserver& observer, const std::s
   try {
     observer(name, sender);
   } catch (const std::exception& failure) {
-    TavloLogger::log("An observer of " + name + " threw (" + failure.what() + "); the others are still notified",
+    TavloLogger::log("An observer of " + TavloLogSafe(name) + " threw (" + TavloLogSafe(failure.what()) +
+                         "); the others are still notified",
                      TavloLoggingModeError);
   } catch (...) {
-    TavloLogger::log("An observer of " + name + " threw an unknown exception; the others are still notified",
+    TavloLogger::log("An observer of " + TavloLogSafe(name) + " threw an unknown exception; the others are still notified",
                      TavloLoggingModeError);
   }
 }

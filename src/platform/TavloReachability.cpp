@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/TavloLogger.h"
+#include "util/TavloLogSafe.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ void callLoggingFailures(const TavloReachability::Block& block, const std::share
   try {
     block(monitor);
   } catch (const std::exception& failure) {
-    TavloLogger::log(std::string("A reachability callback threw (") + failure.what() + "); the change is still announced",
+    TavloLogger::log("A reachability callback threw (" + TavloLogSafe(failure.what()) + "); the change is still announced",
                      TavloLoggingModeError);
   } catch (...) {
     TavloLogger::log("A reachability callback threw an unknown exception; the change is still announced",

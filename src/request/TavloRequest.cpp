@@ -5,6 +5,7 @@
 #include "request/TavloKeyedUnarchiver.h"
 #include "tagging/TavloStringHash.h"
 #include "tagging/TavloText.h"
+#include "util/TavloLogSafe.h"
 
 #include <algorithm>
 #include <cmath>
@@ -30,6 +31,8 @@ bool isPlainDescriptionCharacter(unsigned char c) {
          c == '+' || c == '/' || c == ':' || c == '.' || c == '-';
 }
 
+// Descriptions go into log lines: a value's line breaks and other controls are written
+// as escapes, so no value can end the line it stands in.
 std::string quotedForDescription(const std::string& text) {
   bool plain = !text.empty();
   for (unsigned char c : text) plain = plain && isPlainDescriptionCharacter(c);
@@ -40,7 +43,7 @@ std::string quotedForDescription(const std::string& text) {
     quoted += c;
   }
   quoted += '"';
-  return quoted;
+  return TavloLogSafe(quoted);
 }
 }  // namespace
 
@@ -174,9 +177,9 @@ std::string TavloRequest::description(const TavloEndpoints& endpoints) const {
     host = auth->currentAccess()->host();
   }
   std::string text = "\"serial ";
-  text.append(serial.value_or("(null)"));
+  text.append(TavloLogSafe(serial.value_or("(null)")));
   text.append(" - request type ").append(requestType == TavloRequestTypeAudience ? "audience" : "streaming");
-  text.append(" - hote ").append(host.value_or("(null)"));
+  text.append(" - hote ").append(TavloLogSafe(host.value_or("(null)")));
   text.append(" - parameters ").append(TavloParametersDescription(parameters.get()));
   text += "\"";
   return text;

@@ -94,7 +94,9 @@ class TavloRequest : public TavloCodable {
 
   /// "serial S - request type audience|streaming - hote H - parameters {...}" between
   /// double quotes; H is the access's host for live hits and the default audience
-  /// collection address of `endpoints` for timestamped and disconnected ones.
+  /// collection address of `endpoints` for timestamped and disconnected ones. Made for
+  /// log lines: control characters in the serial, the host, keys and values are written
+  /// as escapes (TavloLogSafe), so the only line breaks are those between parameters.
   std::string description(const TavloEndpoints& endpoints) const;
 
   /// The address to send, or nil when it cannot be a valid URL (no authorisation
@@ -153,5 +155,6 @@ class TavloRequest : public TavloCodable {
 };
 
 /// The dictionary as the platform's description prints it: one "key = value;" per line,
-/// keys sorted, strings quoted when they hold anything but letters, digits and "_$+/:.-".
+/// keys sorted, strings quoted when they hold anything but letters, digits and "_$+/:.-",
+/// with control characters inside them escaped (TavloLogSafe).
 std::string TavloParametersDescription(const TavloParameters* parameters);

@@ -13,6 +13,8 @@
 #include "streaming/TavloTimer.h"
 #include "tagging/TavloTaggerID.h"
 #include "tavlo/TavloAudienceTagger.h"
+#include "util/TavloLogSafe.h"
+#include "util/TavloUrlSafety.h"
 
 namespace {
 
@@ -136,6 +138,13 @@ std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTagger
   if (!agent) return rejected(agent, "Init streaming tag failed : no agent to send hits through");
   auto taggerID = std::make_shared<TavloTaggerID>(serial, static_cast<int64_t>(agent->getPartialID()), true);
   if (isBlankOnly(serial)) return rejected(agent, "Init streaming tag failed : serial is mandatory");
+  // The serial ends the authorisation URL and the collection address: one that would
+  // not stand there as a single path segment would send the hits somewhere else.
+  if (!TavloIsUsableSerial(*serial)) {
+    const std::string message = "Init streaming tag failed : serial \"" + TavloLogSafe(*serial) +
+                                "\" is not usable: a serial must stand in a URL path as one segment";
+    return rejected(agent, message.c_str());
+  }
   if (isBlankOnly(mediaName)) return rejected(agent, "Init streaming tag failed : mediaName is mandatory");
 
   Setup setup;

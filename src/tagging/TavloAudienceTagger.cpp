@@ -6,6 +6,8 @@
 #include "platform/TavloLogger.h"
 #include "tagging/TavloTaggerID.h"
 #include "tagging/TavloText.h"
+#include "util/TavloLogSafe.h"
+#include "util/TavloUrlSafety.h"
 
 namespace {
 // One lock for every caller of the factory, so two threads asking for the same tagger at
@@ -38,6 +40,13 @@ std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::TavloAudienceTaggerWit
   if (!agent) return nullptr;
   std::lock_guard lock(factoryLock());
   if (auto registered = agent->TavloAudienceTaggerWithSerial(serial, customerData)) return registered;
+  // Said once, when the tagger is made: its hits are then dropped without a line each.
+  if (serial && !serial->empty() && !TavloIsUsableSerial(*serial)) {
+    TavloLogger::log("TavloAudienceTagger - Serial \"" + TavloLogSafe(*serial) +
+                         "\" is not usable: a serial must stand in a URL path as one segment; this tagger's hits "
+                         "are dropped",
+                     TavloLoggingModeError);
+  }
   auto tagger = std::shared_ptr<TavloAudienceTagger>(new TavloAudienceTagger(agent, serial, customerData));
   agent->addTavloAudienceTagger(tagger);
   return tagger;
@@ -60,6 +69,9 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
     TavloLogger::log("TavloAudienceTagger - Hit dropped: this tagger has no serial", TavloLoggingModeError);
     return;
   }
+  // The serial would bend the authorisation and collection addresses (logged when the
+  // tagger was made).
+  if (!TavloIsUsableSerial(*mySerial)) return;
   const std::shared_ptr<TavloAuth> cached = agent->authManager()->authFromCacheForTagger(*taggerID_);
   if (cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeAudience))) {
     return;

@@ -34,14 +34,14 @@ TEST_F(TavloAuthManagerIntegrationTest, AnswersFromTheServerOrLocalDefaults) {
       {"quoted values", 200, "access=\"restricted\"|host=\"https://c.example/m/web/\"|cmsVI=\"42\"", 1,
        "https://c.example/m/web/123", "42"},
       {"plain values", 200, "access=denied|host=https://c.example/m/web/|cmsVI=7", 2, "https://c.example/m/web/123", "7"},
-      {"extra pairs and pieces without =", 200, "junk|x=y|access=full|host=h/|cmsVI=9|", 0, "h/123", "9"},
+      {"extra pairs and pieces without =", 200, "junk|x=y|access=full|host=http://h/|cmsVI=9|", 0, "http://h/123", "9"},
       {"missing cmsVI", 200, "access=full|host=https://c.example/m/web/", 0, fallbackHost, nullptr},
-      {"a second = cuts the value", 200, "access=full=yes|host=h/|cmsVI=1", 0, "h/123", "1"},
-      {"error status with a usable body", 503, "access=restricted|host=h/|cmsVI=5", 1, "h/123", "5"},
+      {"a second = cuts the value", 200, "access=full=yes|host=http://h/|cmsVI=1", 0, "http://h/123", "1"},
+      {"error status with a usable body", 503, "access=restricted|host=http://h/|cmsVI=5", 1, "http://h/123", "5"},
       {"empty body", 200, "", 0, fallbackHost, nullptr},
-      {"not UTF-8", 200, "access=denied|host=h/|cmsVI=\xFF\xFE", 0, fallbackHost, nullptr},
+      {"not UTF-8", 200, "access=denied|host=http://h/|cmsVI=\xFF\xFE", 0, fallbackHost, nullptr},
       {"keys are case-sensitive", 200, "Access=denied|HOST=h/|cmsvi=1", 0, fallbackHost, nullptr},
-      {"1 MiB body", 200, "access=denied|host=h/|cmsVI=3|pad=" + std::string(1 << 20, 'x'), 2, "h/123", "3"},
+      {"1 MiB body", 200, "access=denied|host=http://h/|cmsVI=3|pad=" + std::string(1 << 20, 'x'), 2, "http://h/123", "3"},
   };
   for (const Case& c : cases) {
     server.respond("/", c.status, c.body);
@@ -78,7 +78,7 @@ TEST_F(TavloAuthManagerIntegrationTest, ClockDeltaComesFromTheDateHeader) {
   };
   for (const Case& c : cases) {
     server.handle("/", [&](const TavloTestServerRequest&) {
-      TavloTestServerResponse response = TavloTestServerResponse::with(200, "access=full|host=h/|cmsVI=1");
+      TavloTestServerResponse response = TavloTestServerResponse::with(200, "access=full|host=http://h/|cmsVI=1");
       response.date = c.date;
       response.headers = c.headers;
       return response;

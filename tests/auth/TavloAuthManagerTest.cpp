@@ -118,8 +118,12 @@ TEST_F(TavloAuthManagerTest, CachedCopiesShareTheAccessSoMarkingIsSeenAtOnce) {
   EXPECT_TRUE(first->currentAccess()->canSendRequestFor(1));
 }
 
-TEST_F(TavloAuthManagerTest, SerialsThatCannotMakeAURLGetDefaultsWithoutARequest) {
-  for (const TavloString& serial : {TavloString(), TavloString("has space"), TavloString("caf\xC3\xA9")}) {
+TEST_F(TavloAuthManagerTest, SerialsThatCannotStandAsOnePathSegmentGetDefaultsWithoutARequest) {
+  TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeInfo);
+  const std::vector<TavloString> serials = {TavloString(),   "has space",      "caf\xC3\xA9", "S2/../../admin",
+                                            "S4?x=1&y=2",    "S5#frag",        "..",          "50%25",
+                                            "S\n(ERROR) : forged"};
+  for (const TavloString& serial : serials) {
     const TavloTaggerID id(serial, 1, false);
     manager->authentificationInformationForTagger(id);
     const auto auth = manager->authFromCacheForTagger(id);
@@ -127,6 +131,29 @@ TEST_F(TavloAuthManagerTest, SerialsThatCannotMakeAURLGetDefaultsWithoutARequest
     EXPECT_EQ(TavloAccessModeFull, auth->currentAccess()->accessMode());
   }
   EXPECT_EQ(0u, http->requestCount());
+  EXPECT_TRUE(test.logSink->contains("(INFO) : Serial S\\n(ERROR) : forged on host https://second.example/m/web/S\\n"))
+      << "the serial's line break must be written as an escape";
+}
+
+TEST_F(TavloAuthManagerTest, AnAnswerWhoseHostCannotStartAHitURLGivesTheDefaults) {
+  TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeInfo);
+  const std::vector<std::string> hosts = {
+      "https://c.example/m/web/?x=1", "https://c.example/m/web/#f", "https://c.example/\r\n(ERROR) : forged",
+      "https://c .example/",          "ftp://c.example/",           "h/",
+  };
+  for (const std::string& host : hosts) {
+    test.logSink->clear();
+    http->enqueue(answer("denied", host));
+    manager->authentificationInformationForTagger(audience);
+    const auto auth = manager->authFromCacheForTagger(audience);
+    ASSERT_TRUE(auth && auth->currentAccess() && auth->currentSession()) << host;
+    EXPECT_EQ("https://second.example/m/web/123", auth->currentAccess()->host()) << host;
+    EXPECT_NE("42", auth->currentSession()->cmsVI()) << host << ": the answer's visit identifier was taken";
+    EXPECT_EQ(1u, test.logSink->count("(WARNING) : The authorisation answer for serial 123 names the host")) << host;
+    for (const std::string& line : test.logSink->lines()) {
+      EXPECT_EQ(std::string::npos, line.find_first_of("\r\n")) << line;
+    }
+  }
 }
 
 TEST_F(TavloAuthManagerTest, LogsTheAnswerAndTheChosenHost) {

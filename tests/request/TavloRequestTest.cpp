@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "support/TavloArchiveTestKit.h"
 #include "request/TavloClearCache.h"
 #include "request/TavloKeyedArchiver.h"
@@ -122,11 +124,28 @@ TEST(TavloRequest, DescriptionNamesTheHostBySendingMode) {
   EXPECT_NE(std::string::npos, bare->description(endpoints).find("hote (null)")) << "no authorisation yet";
 }
 
-TEST(TavloParametersDescription, QuotesWhatIsNotAPlainWord) {
-  const TavloParameters parameters{{"a b", "x\"y"}, {"k", ""}, {"ok", "v1.0/x:y-z"}};
-  EXPECT_EQ("{\n    \"a b\" = \"x\\\"y\";\n    k = \"\";\n    ok = v1.0/x:y-z;\n}",
+TEST(TavloParametersDescription, QuotesWhatIsNotAPlainWordAndEscapesControls) {
+  const TavloParameters parameters{{"a b", "x\"y"}, {"k", ""}, {"ok", "v1.0/x:y-z"}, {"t\tab", "1\n(ERROR) : 2\x7F"}};
+  EXPECT_EQ("{\n    \"a b\" = \"x\\\"y\";\n    k = \"\";\n    ok = v1.0/x:y-z;\n"
+            "    \"t\\tab\" = \"1\\n(ERROR) : 2\\u007F\";\n}",
             TavloParametersDescription(&parameters));
   EXPECT_EQ("(null)", TavloParametersDescription(nullptr));
+}
+
+TEST(TavloRequest, DescriptionKeepsHostileSerialsAndHostsOnTheirLine) {
+  const TavloEndpoints endpoints = TavloEndpoints::allAt("https://aud.example");
+  const std::string forged = "\n(ERROR) : forged\r";
+  for (const bool hostileSerial : {true, false}) {
+    const std::string serial = hostileSerial ? "S" + forged : "123";
+    const std::string base = hostileSerial ? "https://live.example/" : "https://live.example/" + forged;
+    const auto request = TavloRequest::TavloRequestWithParameters(
+        std::make_shared<const TavloParameters>(), 0, TavloSendingModeLive, serial,
+        std::make_shared<TavloTaggerID>(serial, 0, false), 1);
+    request->setAuth(TavloAuth::TavloAuthWithSession(nullptr, TavloAccess::TavloAccessWithSerial(serial, 0, base), false));
+    const std::string text = request->description(endpoints);
+    EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text << ": only the empty dictionary's own break";
+    EXPECT_NE(std::string::npos, text.find("\\n(ERROR) : forged\\r")) << text;
+  }
 }
 
 TEST(TavloRequestArchive, EveryFieldSurvivesAFileButTheRenewalFlag) {

@@ -23,9 +23,13 @@ class TavloStreamingTaggerTest : public TavloStreamingTest {
 
 // Set-up.
 
-TEST_F(TavloStreamingTaggerTest, BlankSerialsAndMediaNamesGiveATaggerThatNeverSends) {
+TEST_F(TavloStreamingTaggerTest, BlankOrUnusableSerialsAndBlankMediaNamesGiveATaggerThatNeverSends) {
   const std::string serialLine = "(ERROR) : Init streaming tag failed : serial is mandatory";
   const std::string nameLine = "(ERROR) : Init streaming tag failed : mediaName is mandatory";
+  const auto unusable = [](const std::string& shown) {
+    return "(ERROR) : Init streaming tag failed : serial \"" + shown +
+           "\" is not usable: a serial must stand in a URL path as one segment";
+  };
   struct Case {
     TavloString serial;
     TavloString mediaName;
@@ -33,7 +37,9 @@ TEST_F(TavloStreamingTaggerTest, BlankSerialsAndMediaNamesGiveATaggerThatNeverSe
   };
   for (const Case& c :
        {Case{std::nullopt, "film", serialLine}, Case{"", "film", serialLine}, Case{"   ", "", serialLine},
-        Case{"123", std::nullopt, nameLine}, Case{"123", "", nameLine}, Case{"123", "  ", nameLine}}) {
+        Case{"123", std::nullopt, nameLine}, Case{"123", "", nameLine}, Case{"123", "  ", nameLine},
+        Case{"S2/../../admin", "film", unusable("S2/../../admin")}, Case{" 1 2 ", "film", unusable(" 1 2 ")},
+        Case{"S\n(ERROR) : forged", "film", unusable("S\\n(ERROR) : forged")}}) {
     test.logSink->clear();
     bool configured = false;
     const auto t = tagger(
@@ -59,7 +65,7 @@ TEST_F(TavloStreamingTaggerTest, BlankSerialsAndMediaNamesGiveATaggerThatNeverSe
 }
 
 TEST_F(TavloStreamingTaggerTest, TheConfigurationIsCopiedOnceAndTheSettersFollowTheirRules) {
-  const auto first = tagger(TavloStreamingTypeNoPosition, nullptr, " 1 2 3 ");
+  const auto first = tagger(TavloStreamingTypeNoPosition, nullptr, "S-1.2~3");
   const auto t = tagger(
       TavloStreamingTypeNoPosition,
       [](TavloStreamingConfig& config) {
@@ -71,7 +77,7 @@ TEST_F(TavloStreamingTaggerTest, TheConfigurationIsCopiedOnceAndTheSettersFollow
       "123", " my film ");
   EXPECT_TRUE(test.logSink->contains("(ERROR) : TavloStreamingTagger - The configuration callback threw"));
   EXPECT_TRUE(t->canSend());
-  EXPECT_EQ(" 1 2 3 ", first->serial()) << "blanks between other characters are kept";
+  EXPECT_EQ("S-1.2~3", first->serial());
   EXPECT_EQ(" my film ", t->mediaName());
   EXPECT_EQ("l1", t->level1());
   EXPECT_EQ("crm", t->customerData());

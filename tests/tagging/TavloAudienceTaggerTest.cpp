@@ -113,6 +113,19 @@ TEST_F(TavloAudienceTaggerTest, HitsWithoutASerialAreDroppedWithAnErrorLine) {
   }
 }
 
+TEST_F(TavloAudienceTaggerTest, SerialsThatWouldBendTheAddressesDropEveryHitAfterOneErrorLine) {
+  for (const std::string serial : {"S2/../../admin", "S4?x=1&y=2", "S5#frag", "..", "S\n(ERROR) : forged"}) {
+    test.logSink->clear();
+    tagger(serial)->sendHitWithLevel1("a");
+    tagger(serial)->sendHitWithLevel1("b");
+    settle();
+    EXPECT_TRUE(agent->TEST_queue().empty()) << serial;
+    EXPECT_EQ(1u, test.logSink->count("(ERROR)")) << serial << ": one error line per tagger, none per hit";
+    EXPECT_EQ(1u, test.logSink->count("(ERROR) : TavloAudienceTagger - Serial \"")) << serial;
+    for (const std::string& line : test.logSink->lines()) EXPECT_EQ(std::string::npos, line.find('\n')) << line;
+  }
+}
+
 TEST_F(TavloAudienceTaggerTest, TheFactoryReturnsTheRegisteredTagger) {
   EXPECT_EQ(tagger("s", std::nullopt), tagger("s", std::nullopt));
   const auto a = tagger("s", "a");
