@@ -80,6 +80,9 @@ bool TavloBinaryPlistReader::open(std::string_view data, std::string* error) {
 }
 
 uint64_t TavloBinaryPlistReader::readUnsigned(uint64_t position, unsigned width) const {
+  // References and offsets of one or two bytes are the common case.
+  if (width == 1) return bytes_[position];
+  if (width == 2) return uint64_t{bytes_[position]} << 8 | bytes_[position + 1];
   uint64_t value = 0;
   for (unsigned i = 0; i < width; ++i) value = (value << 8) | bytes_[position + i];
   return value;
@@ -180,9 +183,34 @@ std::optional<uint64_t> TavloBinaryPlistReader::valueAt(const Object& dictionary
 
 std::optional<uint64_t> TavloBinaryPlistReader::valueForKey(const Object& dictionary, std::string_view key) const {
   if (dictionary.type != Type::Dictionary) return std::nullopt;
+  // The ASCII string `key` as it would be stored: compared with each key's bytes in place.
+  unsigned char stored[12];
+  std::size_t storedSize = 0;
+  if (key.size() < 15) {
+    stored[storedSize++] = static_cast<unsigned char>(0x50 | key.size());
+  } else if (key.size() < 256) {
+    stored[storedSize++] = 0x5F;
+    stored[storedSize++] = 0x10;
+    stored[storedSize++] = static_cast<unsigned char>(key.size());
+  }
   for (uint64_t i = 0; i < dictionary.count; ++i) {
     const std::optional<uint64_t> keyIndex = keyAt(dictionary, i);
-    if (keyIndex && stringEquals(object(*keyIndex), key)) return valueAt(dictionary, i);
+    if (!keyIndex) continue;
+    const uint64_t offset = readUnsigned(tableStart_ + *keyIndex * offsetWidth_, offsetWidth_);
+    if (offset < kHeaderSize || offset >= tableStart_) continue;
+    const uint8_t marker = bytes_[offset];
+    if (marker >> 4 == 0x5) {
+      // An ASCII key: equal only if stored as `stored` says, unless its length is written
+      // in some wider integer than ours.
+      if (storedSize != 0 && tableStart_ - offset >= storedSize + key.size() &&
+          std::memcmp(bytes_ + offset, stored, storedSize) == 0) {
+        if (std::memcmp(bytes_ + offset + storedSize, key.data(), key.size()) == 0) return valueAt(dictionary, i);
+        continue;
+      }
+      if ((marker & 0x0F) != 0x0F) continue;
+    }
+    // Other encodings of the same text (UTF-16, longer counts) take the general way.
+    if (stringEquals(object(*keyIndex), key)) return valueAt(dictionary, i);
   }
   return std::nullopt;
 }

@@ -2,7 +2,10 @@
 
 #include <cfloat>
 #include <cmath>
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <limits>
 #include <stdexcept>
 
@@ -97,18 +100,50 @@ uint32_t hashBytes(unsigned kind, const char* bytes, std::size_t size) {
   }
   uint64_t tail = 0;
   std::memcpy(&tail, bytes, size);
-  h = (h ^ tail) * 0xC4CEB9FE1A85EC53ULL;
-  h ^= h >> 29;
-  return static_cast<uint32_t>(h ^ (h >> 32));
+  h ^= tail;
+  // The finaliser of MurmurHash3: every bit of the input reaches the low bits, which
+  // choose the slot.
+  h ^= h >> 33;
+  h *= 0xFF51AFD7ED558CCDULL;
+  h ^= h >> 33;
+  h *= 0xC4CEB9FE1A85EC53ULL;
+  h ^= h >> 33;
+  return static_cast<uint32_t>(h);
 }
 
 }  // namespace
 
-TavloBinaryPlistWriter::TavloBinaryPlistWriter(std::size_t expectedObjects) {
-  nodes_.reserve(expectedObjects);
-  std::size_t slots = 64;
-  while (slots < 2 * expectedObjects) slots *= 2;
-  table_.assign(slots, 0);
+void TavloBinaryPlistWriter::Free::operator()(void* memory) const { std::free(memory); }
+
+TavloBinaryPlistWriter::TavloBinaryPlistWriter() { allocateTable(256); }
+
+TavloBinaryPlistWriter::~TavloBinaryPlistWriter() = default;
+
+void TavloBinaryPlistWriter::reserve(std::size_t objects) {
+  nodes_.reserve(objects);
+  refs_.reserve(3 * objects);
+  bytes_.reserve(16 * objects);
+  // Most objects of an archive are containers and UIDs, which the hash set does not hold:
+  // a quarter of them is a fair guess of what it will, and it grows past that.
+  std::size_t slots = tableSlots_;
+  while (slots < objects / 4) slots *= 2;
+  if (slots > tableSlots_) allocateTable(slots);
+}
+
+// A fresh, zeroed hash set of `slots` slots (a power of two) holding what the old one held.
+void TavloBinaryPlistWriter::allocateTable(std::size_t slots) {
+  std::unique_ptr<uint64_t[], Free> table(static_cast<uint64_t*>(std::calloc(slots, sizeof(uint64_t))));
+  if (!table) throw std::bad_alloc();
+  const std::size_t mask = slots - 1;
+  for (std::size_t i = 0; i < tableSlots_; ++i) {
+    const uint64_t held = table_[i];
+    if (held == 0) continue;
+    std::size_t slot = (held >> 32) & mask;
+    while (table[slot] != 0) slot = (slot + 1) & mask;
+    table[slot] = held;
+  }
+  table_ = std::move(table);
+  tableSlots_ = slots;
 }
 
 TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::string(std::string_view utf8) {
@@ -121,6 +156,10 @@ TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::text(Kind kind, std::stri
   const std::size_t start = bytes_.size();
   const auto* bytes = reinterpret_cast<const unsigned char*>(utf8.data());
   std::size_t ascii = 0;
+  for (uint64_t word; ascii + 8 <= utf8.size(); ascii += 8) {
+    std::memcpy(&word, bytes + ascii, 8);
+    if (word & 0x8080808080808080ULL) break;
+  }
   while (ascii < utf8.size() && bytes[ascii] < 0x80) ++ascii;
   if (ascii == utf8.size()) {
     appendCounted(bytes_, 0x5, utf8.size());
@@ -157,17 +196,26 @@ TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::integer(int64_t value) {
 }
 
 TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::uid(uint32_t value) {
+  constexpr uint32_t kDirect = uint32_t{1} << 24;  // UIDs past this go through the hash set
+  if (value < uids_.size() && uids_[value] != kNone) return uids_[value];
   const std::size_t start = bytes_.size();
   const unsigned width = integerBytes(value);
   bytes_ += static_cast<char>(0x80 | (width - 1));
   appendBigEndian(bytes_, value, width);
-  return unique(Kind::Scalar, start);
+  if (value >= kDirect) return unique(Kind::Scalar, start);
+  // Known by value from here: the hash set need not hold it.
+  if (value >= uids_.size()) uids_.resize(std::max<std::size_t>(value + 1, 2 * uids_.size()), kNone);
+  return uids_[value] = addNode(static_cast<uint32_t>(start), bytes_.size() - start, Kind::Scalar);
 }
 
 TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::boolean(bool value) {
-  const std::size_t start = bytes_.size();
-  bytes_ += static_cast<char>(value ? 0x09 : 0x08);
-  return unique(Kind::Scalar, start);
+  Object& known = booleans_[value ? 1 : 0];
+  if (known == kNone) {
+    const std::size_t start = bytes_.size();
+    bytes_ += static_cast<char>(value ? 0x09 : 0x08);
+    known = unique(Kind::Scalar, start);
+  }
+  return known;
 }
 
 TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::real(double value) {
@@ -190,9 +238,9 @@ TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::real(double value) {
   return unique(Kind::Scalar, start);
 }
 
-TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::array() { return addContainer(Kind::Array); }
+TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::array() { return addNode(0, 0, Kind::Array); }
 
-TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::dictionary() { return addContainer(Kind::Dictionary); }
+TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::dictionary() { return addNode(0, 0, Kind::Dictionary); }
 
 void TavloBinaryPlistWriter::setArray(Object array, std::span<const Object> elements) {
   fill(array, Kind::Array, elements.data(), elements.size());
@@ -203,22 +251,23 @@ void TavloBinaryPlistWriter::setDictionary(Object dictionary, std::span<const En
   fill(dictionary, Kind::Dictionary, reinterpret_cast<const Object*>(entries.data()), 2 * entries.size());
 }
 
-TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::addContainer(Kind kind) {
+TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::addNode(uint32_t start, std::size_t size, Kind kind) {
   if (nodes_.size() >= kUnplaced - 1) throw std::length_error("too many property-list objects");
-  nodes_.push_back(Node{0, 0, 0, kind});
+  if (size >= (std::size_t{1} << 30)) throw std::length_error("property-list object past 1 GiB");
+  nodes_.push_back(Node{start, static_cast<uint32_t>(size << 2) | static_cast<uint32_t>(kind)});
   return static_cast<Object>(nodes_.size() - 1);
 }
 
 void TavloBinaryPlistWriter::fill(Object container, Kind kind, const Object* references, std::size_t count) {
-  if (container >= nodes_.size() || nodes_[container].kind != kind) {
+  if (container >= nodes_.size() || nodes_[container].kind() != kind) {
     throw std::invalid_argument("not a property-list container of this writer");
   }
   for (std::size_t i = 0; i < count; ++i) {
     if (references[i] >= nodes_.size()) throw std::invalid_argument("not a property-list object of this writer");
   }
   if (refs_.size() + count > kUnplaced) throw std::length_error("too many property-list references");
-  nodes_[container].start = static_cast<uint32_t>(refs_.size());
-  nodes_[container].size = static_cast<uint32_t>(count);
+  if (count >= (std::size_t{1} << 30)) throw std::length_error("property-list container past 2^30 references");
+  nodes_[container] = Node{static_cast<uint32_t>(refs_.size()), static_cast<uint32_t>(count << 2) | static_cast<uint32_t>(kind)};
   refs_.insert(refs_.end(), references, references + count);
 }
 
@@ -228,40 +277,30 @@ TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::unique(Kind kind, std::si
   const std::size_t size = bytes_.size() - start;
   if (bytes_.size() > kUnplaced) throw std::length_error("property-list scalars past 4 GiB");
   const uint32_t hash = hashBytes(static_cast<unsigned>(kind), bytes_.data() + start, size);
-  const std::size_t mask = table_.size() - 1;
+  const std::size_t mask = tableSlots_ - 1;
   for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask) {
-    const uint32_t held = table_[slot];
+    const uint64_t held = table_[slot];
     if (held == 0) {
-      if (nodes_.size() >= kUnplaced - 1) throw std::length_error("too many property-list objects");
-      nodes_.push_back(Node{static_cast<uint32_t>(start), static_cast<uint32_t>(size), hash, kind});
-      table_[slot] = static_cast<uint32_t>(nodes_.size());
-      if (2 * nodes_.size() > table_.size()) grow();
-      return static_cast<Object>(nodes_.size() - 1);
+      const Object object = addNode(static_cast<uint32_t>(start), size, kind);
+      table_[slot] = uint64_t{hash} << 32 | (uint64_t{object} + 1);
+      if (4 * ++tableEntries_ > 3 * tableSlots_) allocateTable(2 * tableSlots_);
+      return object;
     }
-    const Node& node = nodes_[held - 1];
-    if (node.hash == hash && node.kind == kind && node.size == size &&
+    if (held >> 32 != hash) continue;
+    const auto index = static_cast<Object>((held & 0xFFFFFFFF) - 1);
+    const Node node = nodes_[index];
+    if (node.kind() == kind && node.size() == size &&
         std::memcmp(bytes_.data() + node.start, bytes_.data() + start, size) == 0) {
       bytes_.resize(start);
-      return held - 1;
+      return index;
     }
-  }
-}
-
-void TavloBinaryPlistWriter::grow() {
-  table_.assign(table_.size() * 2, 0);
-  const std::size_t mask = table_.size() - 1;
-  for (std::size_t i = 0; i < nodes_.size(); ++i) {
-    const Node& node = nodes_[i];
-    if (node.kind != Kind::Scalar && node.kind != Kind::Key) continue;
-    std::size_t slot = node.hash & mask;
-    while (table_[slot] != 0) slot = (slot + 1) & mask;
-    table_[slot] = static_cast<uint32_t>(i + 1);
   }
 }
 
 std::string TavloBinaryPlistWriter::finish(Object top) {
   if (top >= nodes_.size()) throw std::invalid_argument("not a property-list object of this writer");
-  table_ = {};  // no more uniquing: let the memory go before the output is allocated
+  table_.reset();  // no more uniquing: the memory goes before the output's comes
+  tableSlots_ = tableEntries_ = 0;
 
   // Number the objects in pre-order, each at its first visit, as libplist does.
   std::vector<uint32_t> order(nodes_.size(), kUnplaced);
@@ -276,14 +315,13 @@ std::string TavloBinaryPlistWriter::finish(Object top) {
     if (order[object] != kUnplaced) return;
     order[object] = static_cast<uint32_t>(sequence.size());
     sequence.push_back(object);
-    const Kind kind = nodes_[object].kind;
-    if (kind == Kind::Array || kind == Kind::Dictionary) path.push_back(Frame{object, 0});
+    if (nodes_[object].isContainer()) path.push_back(Frame{object, 0});
   };
   visit(top);
   while (!path.empty()) {
     Frame& frame = path.back();
     const Node& node = nodes_[frame.node];
-    if (frame.next == node.size) {
+    if (frame.next == node.size()) {
       path.pop_back();
       continue;
     }
@@ -294,11 +332,11 @@ std::string TavloBinaryPlistWriter::finish(Object top) {
   uint64_t objectsEnd = kHeaderSize;
   for (const Object object : sequence) {
     const Node& node = nodes_[object];
-    if (node.kind == Kind::Scalar || node.kind == Kind::Key) {
-      objectsEnd += node.size;
+    if (!node.isContainer()) {
+      objectsEnd += node.size();
     } else {
-      const uint64_t count = node.kind == Kind::Dictionary ? node.size / 2 : node.size;
-      objectsEnd += countedSize(count) + uint64_t{node.size} * refSize;
+      const uint64_t count = node.kind() == Kind::Dictionary ? node.size() / 2 : node.size();
+      objectsEnd += countedSize(count) + uint64_t{node.size()} * refSize;
     }
   }
   const unsigned offsetSize = neededBytes(objectsEnd);
@@ -312,13 +350,13 @@ std::string TavloBinaryPlistWriter::finish(Object top) {
   for (std::size_t i = 0; i < sequence.size(); ++i) {
     putBigEndian(bytes + objectsEnd + i * offsetSize, at, offsetSize);
     const Node& node = nodes_[sequence[i]];
-    if (node.kind == Kind::Scalar || node.kind == Kind::Key) {
-      std::memcpy(bytes + at, bytes_.data() + node.start, node.size);
-      at += node.size;
+    if (!node.isContainer()) {
+      std::memcpy(bytes + at, bytes_.data() + node.start, node.size());
+      at += node.size();
       continue;
     }
-    const bool isDictionary = node.kind == Kind::Dictionary;
-    const std::size_t count = isDictionary ? node.size / 2 : node.size;
+    const bool isDictionary = node.kind() == Kind::Dictionary;
+    const std::size_t count = isDictionary ? node.size() / 2 : node.size();
     header.clear();
     appendCounted(header, isDictionary ? 0xD : 0xA, count);
     std::memcpy(bytes + at, header.data(), header.size());

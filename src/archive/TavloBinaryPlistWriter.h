@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -45,8 +46,14 @@ class TavloBinaryPlistWriter {
     Object value;
   };
 
-  /// `expectedObjects` sizes the tables up front when the caller can guess.
-  explicit TavloBinaryPlistWriter(std::size_t expectedObjects = 0);
+  TavloBinaryPlistWriter();
+  ~TavloBinaryPlistWriter();
+  TavloBinaryPlistWriter(const TavloBinaryPlistWriter&) = delete;
+  TavloBinaryPlistWriter& operator=(const TavloBinaryPlistWriter&) = delete;
+
+  /// Sizes the buffers for about `objects` objects, when the caller can guess: a generous
+  /// guess costs address space, not memory, and a short one only some copying.
+  void reserve(std::size_t objects);
 
   Object string(std::string_view utf8);
   /// A string used as a dictionary key: uniqued apart from string values.
@@ -68,20 +75,37 @@ class TavloBinaryPlistWriter {
  private:
   enum class Kind : uint8_t { Scalar, Key, Array, Dictionary };
   struct Node {
-    uint32_t start = 0;  // Scalar, Key: in bytes_; Array, Dictionary: in refs_
-    uint32_t size = 0;   // bytes, or references (two per dictionary entry: key, value)
-    uint32_t hash = 0;
-    Kind kind = Kind::Scalar;
+    uint32_t start;        // Scalar, Key: in bytes_; Array, Dictionary: in refs_
+    uint32_t sizeAndKind;  // bytes, or references (two per dictionary entry), << 2 | kind
+    std::size_t size() const { return sizeAndKind >> 2; }
+    Kind kind() const { return static_cast<Kind>(sizeAndKind & 3); }
+    bool isContainer() const { return kind() == Kind::Array || kind() == Kind::Dictionary; }
   };
+  struct Free {
+    void operator()(void* memory) const;
+  };
+  static constexpr Object kNone = UINT32_MAX;
 
+  Object addNode(uint32_t start, std::size_t size, Kind kind);
   Object unique(Kind kind, std::size_t start);
-  Object addContainer(Kind kind);
   void fill(Object container, Kind kind, const Object* references, std::size_t count);
-  void grow();
+  void allocateTable(std::size_t slots);
   Object text(Kind kind, std::string_view utf8);
 
+  // Where the time goes is fresh memory: each page touched for the first time costs a
+  // fault, which on a set-top box (or a virtual machine) outweighs the encoding. Nodes
+  // are 8 bytes, the hash set is calloc'd (untouched pages of it cost nothing), and
+  // reserve() sizes everything once instead of growing it by copies.
   std::string bytes_;         // scalars as they are written, markers included
   std::vector<Object> refs_;  // container contents
   std::vector<Node> nodes_;
-  std::vector<uint32_t> table_;  // hash set of scalar nodes: index + 1, 0 when free
+  // Hash set of the scalar nodes: hash << 32 | (index + 1), 0 when free. The hash in the
+  // slot spares a visit to the node on most mismatches, and is all a rehash needs.
+  std::unique_ptr<uint64_t[], Free> table_;
+  std::size_t tableSlots_ = 0;
+  std::size_t tableEntries_ = 0;
+  // UIDs by value and the two booleans: the archive names the same few again and again,
+  // and an array index is cheaper than the hash set.
+  std::vector<Object> uids_;
+  Object booleans_[2] = {kNone, kNone};
 };

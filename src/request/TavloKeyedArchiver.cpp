@@ -1,5 +1,7 @@
 #include "request/TavloKeyedArchiver.h"
 
+#include <algorithm>
+#include <cstring>
 #include <exception>
 #include <string_view>
 
@@ -10,12 +12,24 @@ namespace {
 constexpr int64_t kArchiveVersion = 100000;
 constexpr uint32_t kNullUID = 0;
 const char kReplacementCharacter[] = "\xEF\xBF\xBD";  // U+FFFD
+const std::vector<std::string> kDateClasses = {"NSDate", "NSObject"};
+const std::vector<std::string> kArrayClasses = {"NSMutableArray", "NSArray", "NSObject"};
+const std::vector<std::string> kDictionaryClasses = {"NSDictionary", "NSObject"};
 
 // Text a property-list string carries as it is: valid UTF-8 without NUL. Most text is
 // plain ASCII, which is told apart without decoding.
 bool isPlainText(std::string_view text) {
-  for (const char c : text) {
-    if (c == '\0' || static_cast<unsigned char>(c) >= 0x80) return TavloIsValidUTF8(text) && text.find('\0') == text.npos;
+  // Eight bytes at a time: none has its top bit set, and none is zero.
+  std::size_t i = 0;
+  for (uint64_t word; i + 8 <= text.size(); i += 8) {
+    std::memcpy(&word, text.data() + i, 8);
+    const uint64_t zeroBytes = (word - 0x0101010101010101ULL) & ~word & 0x8080808080808080ULL;
+    if ((word & 0x8080808080808080ULL) != 0 || zeroBytes != 0) break;
+  }
+  for (; i < text.size(); ++i) {
+    if (text[i] == '\0' || static_cast<unsigned char>(text[i]) >= 0x80) {
+      return TavloIsValidUTF8(text) && text.find('\0') == text.npos;
+    }
   }
   return true;
 }
@@ -56,6 +70,9 @@ std::string TavloKeyedArchiver::archivedDataWithRootObject(const TavloCodable& r
 std::string TavloKeyedArchiver::archivedDataWithRootArray(const std::vector<std::shared_ptr<TavloCodable>>& objects) {
   try {
     TavloKeyedArchiver archiver;
+    // A queue's request makes some 50 objects, a few dozen more if its values are its own.
+    archiver.writer_.reserve(64 + 96 * objects.size());
+    archiver.objects_.reserve(64 + 80 * objects.size());
     return archiver.finish(archiver.uidForArray(objects));
   } catch (...) {
     return {};
@@ -77,8 +94,8 @@ void TavloKeyedArchiver::encodeDate(const std::optional<TavloDate>& value, const
   if (value) {
     // The class comes before the date in "$objects", as it always has.
     const Entry entries[] = {
-        {writer_.key("NS.time"), writer_.real(*value - TavloSecondsFrom1970To2001)},
-        {writer_.key("$class"), writer_.uid(uidForClass({"NSDate", "NSObject"}))},
+        {timeKey_, writer_.real(*value - TavloSecondsFrom1970To2001)},
+        {classKey_, writer_.uid(uidForClass(kDateClasses))},
     };
     const Object date = writer_.dictionary();
     writer_.setDictionary(date, entries);
@@ -143,7 +160,7 @@ uint32_t TavloKeyedArchiver::uidForRecord(const TavloCodable& object) {
     currentFields_ = outer;
     throw;
   }
-  setInCurrent(writer_.key("$class"), writer_.uid(uidForClass(object.classChain())));
+  setInCurrent(classKey_, writer_.uid(uidForClass(object.classChain())));
   writer_.setDictionary(record, std::span<const Entry>(fields_).subspan(first));
   fields_.resize(first);
   currentFields_ = outer;
@@ -162,19 +179,48 @@ uint32_t TavloKeyedArchiver::uidForArray(const std::vector<std::shared_ptr<Tavlo
   const Object list = writer_.array();
   writer_.setArray(list, elements);
   const Entry entries[] = {
-      {writer_.key("NS.objects"), list},
-      {writer_.key("$class"), writer_.uid(uidForClass({"NSMutableArray", "NSArray", "NSObject"}))},
+      {objectsKey_, list},
+      {classKey_, writer_.uid(uidForClass(kArrayClasses))},
   };
   writer_.setDictionary(array, entries);
   return uid;
 }
 
+namespace {
+// Only called with 1 to 27 bytes: the first and the last eight (which may overlap).
+std::size_t recentSlot(const std::string& text) {
+  const std::size_t n = std::min<std::size_t>(text.size(), 8);
+  uint64_t head = 0;
+  uint64_t tail = 0;
+  std::memcpy(&head, text.data(), n);
+  std::memcpy(&tail, text.data() + text.size() - n, n);
+  const uint64_t h = (head * 0x9E3779B97F4A7C15ULL) ^ (tail + text.size()) * 0xC2B2AE3D27D4EB4FULL;
+  return static_cast<std::size_t>((h ^ (h >> 29)) >> 55);  // 512 slots
+}
+}  // namespace
+
+const TavloKeyedArchiver::RecentText* TavloKeyedArchiver::recall(const RecentTexts& texts, const std::string& text) {
+  if (text.empty() || text.size() > sizeof(RecentText::text)) return nullptr;
+  const RecentText& recent = texts[recentSlot(text)];
+  return recent.size == text.size() && std::memcmp(recent.text, text.data(), text.size()) == 0 ? &recent : nullptr;
+}
+
+void TavloKeyedArchiver::remember(RecentTexts& texts, const std::string& text, uint32_t object) {
+  if (text.empty() || text.size() > sizeof(RecentText::text)) return;
+  RecentText& recent = texts[recentSlot(text)];
+  recent.object = object;
+  recent.size = static_cast<uint8_t>(text.size());
+  std::memcpy(recent.text, text.data(), text.size());
+}
+
 uint32_t TavloKeyedArchiver::uidForString(const std::string& value) {
+  if (const RecentText* recent = recall(recentStrings_, value)) return recent->object;
   if (isPlainText(value)) {
     // Equal text is one object of the writer: its UID, once it has one, is found by it.
     const Object text = writer_.string(value);
     if (text >= stringUIDs_.size()) stringUIDs_.resize(text + 1, kNullUID);
     if (stringUIDs_[text] == kNullUID) stringUIDs_[text] = appendObject(text);
+    remember(recentStrings_, value, stringUIDs_[text]);
     return stringUIDs_[text];
   }
   // Uniqued by the text as given: two different damaged strings stay two objects.
@@ -201,9 +247,9 @@ uint32_t TavloKeyedArchiver::uidForParameters(const TavloParameters& parameters)
   const Object values = writer_.array();
   writer_.setArray(values, all.subspan(parameters.size()));
   const Entry entries[] = {
-      {writer_.key("NS.keys"), keys},
-      {writer_.key("NS.objects"), values},
-      {writer_.key("$class"), writer_.uid(uidForClass({"NSDictionary", "NSObject"}))},
+      {keysKey_, keys},
+      {objectsKey_, values},
+      {classKey_, writer_.uid(uidForClass(kDictionaryClasses))},
   };
   const Object dictionary = writer_.dictionary();
   writer_.setDictionary(dictionary, entries);
@@ -214,7 +260,8 @@ uint32_t TavloKeyedArchiver::uidForParameters(const TavloParameters& parameters)
 
 uint32_t TavloKeyedArchiver::uidForClass(const std::vector<std::string>& chain) {
   // A record without a chain still needs a class a reader can name.
-  const std::vector<std::string> classes = chain.empty() ? std::vector<std::string>{"NSObject"} : chain;
+  static const std::vector<std::string> kObject = {"NSObject"};
+  const std::vector<std::string>& classes = chain.empty() ? kObject : chain;
   if (const auto known = classUIDs_.find(classes.front()); known != classUIDs_.end()) return known->second;
 
   std::vector<Object> names;
@@ -236,7 +283,11 @@ TavloKeyedArchiver::Object TavloKeyedArchiver::keyFor(const std::string& key) {
   // NSKeyedArchiver reserves keys that begin with "$" for itself ("$class") and escapes a
   // coder's own such keys with one more "$"; the unarchiver applies the same rule.
   if (!key.empty() && key.front() == '$') return writer_.key(plistText("$" + key));
-  return isPlainText(key) ? writer_.key(key) : writer_.key(plistText(key));
+  if (const RecentText* recent = recall(recentKeys_, key)) return recent->object;
+  if (!isPlainText(key)) return writer_.key(plistText(key));
+  const Object object = writer_.key(key);
+  remember(recentKeys_, key, object);
+  return object;
 }
 
 void TavloKeyedArchiver::setInCurrent(Object key, Object value) {

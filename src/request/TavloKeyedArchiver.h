@@ -1,6 +1,7 @@
 // Writes records as an NSKeyedArchiver archive in a binary property list.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -80,7 +81,25 @@ class TavloKeyedArchiver {
   Object keyFor(const std::string& key);
   void setInCurrent(Object key, Object value);
 
+  // Short texts seen last, by a cheap hash: a queue repeats its keys and many of its
+  // values in every request, and a hit here skips the checks and the writer's hash set.
+  struct RecentText {
+    uint32_t object = 0;  // UID of a string, or the writer's object of a key
+    uint8_t size = 0;
+    char text[27];
+  };
+  using RecentTexts = std::array<RecentText, 512>;
+  static const RecentText* recall(const RecentTexts& texts, const std::string& text);
+  static void remember(RecentTexts& texts, const std::string& text, uint32_t object);
+
   TavloBinaryPlistWriter writer_;
+  // The archive's own keys, written into almost every object.
+  const Object classKey_ = writer_.key("$class");
+  const Object timeKey_ = writer_.key("NS.time");
+  const Object keysKey_ = writer_.key("NS.keys");
+  const Object objectsKey_ = writer_.key("NS.objects");
+  RecentTexts recentStrings_{};
+  RecentTexts recentKeys_{};
   std::vector<Object> objects_;        // the "$objects" array, by UID
   std::vector<Entry> fields_;          // entries of the records being encoded, the innermost last
   std::size_t currentFields_ = kNoRecord;  // where the current record's entries begin in fields_
