@@ -142,6 +142,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::shared_ptr<const TavloParameters> defaultParametersForRequest() {
     return defaults_.defaultParametersForRequest();
   }
+  TavloParameters defaultParameters() { return defaults_.defaultParameters(); }
   std::string userAgent() { return defaults_.userAgent(); }
   TavloString appleDID() { return defaults_.appleDID(); }
   double screenDiagonal() { return defaults_.screenDiagonal(); }

@@ -30,19 +30,27 @@ TavloDefaultParameters::TavloDefaultParameters(const TavloPlatform& platform)
 std::string TavloDefaultParameters::TavloVersion() { return TavloVersionString; }
 
 std::shared_ptr<const TavloParameters> TavloDefaultParameters::defaultParametersForRequest() {
-  const std::optional<TavloScreen> screen = deviceInfo_->mainScreen();
-  auto parameters = std::make_shared<TavloParameters>();
-  (*parameters)["scp"] = "32";
-  (*parameters)["tag_type"] = "apps";
-  (*parameters)["v"] = TavloVersion();
-  (*parameters)["n"] = std::to_string(random_->nextUInt32());
-  (*parameters)["uid"] = uuidHandler_.UUID().value_or("-");
-  (*parameters)["scw"] = screen ? formatted("%.0f", screen->width) : "0";
-  (*parameters)["sch"] = screen ? formatted("%.0f", screen->height) : "0";
-  (*parameters)["m_os"] = deviceInfo_->model();
-  (*parameters)["m_fw"] = deviceInfo_->systemVersion();
-  (*parameters)["ds"] = formatted("%.1f", screenDiagonal());
-  (*parameters)["tn"] = "tvOS";
+  return std::make_shared<const TavloParameters>(defaultParameters());
+}
+
+TavloParameters TavloDefaultParameters::defaultParameters() {
+  std::call_once(deviceFactsMade_, [this] {
+    const std::optional<TavloScreen> screen = deviceInfo_->mainScreen();
+    deviceFacts_ = {
+        {"scp", "32"},
+        {"tag_type", "apps"},
+        {"v", TavloVersion()},
+        {"scw", screen ? formatted("%.0f", screen->width) : "0"},
+        {"sch", screen ? formatted("%.0f", screen->height) : "0"},
+        {"m_os", deviceInfo_->model()},
+        {"m_fw", deviceInfo_->systemVersion()},
+        {"ds", formatted("%.1f", screenDiagonal())},
+        {"tn", "tvOS"},
+    };
+  });
+  TavloParameters parameters = deviceFacts_;
+  parameters.emplace("n", std::to_string(random_->nextUInt32()));
+  parameters.emplace("uid", uuidHandler_.UUID().value_or("-"));
   return parameters;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/TavloQLVRUUIDHandler.h"
@@ -12,8 +13,11 @@
 /// owns one and forwards its default-parameter, user-agent and advertising-identifier
 /// operations to it; taggers start every hit from `defaultParametersForRequest`.
 ///
-/// Nothing is cached: every call reads the device-information seam and draws a new "n".
-/// Threads: any thread (the seams are thread-safe).
+/// Every hit carries them, so the device facts (screen, model, system version, diagonal)
+/// are read from the device-information seam once, on first use: they do not change while
+/// the process runs. Each call draws a new "n" and asks the identifier store for "uid"
+/// (which keeps it in memory), so a reset identifier shows on the next hit.
+/// Threads: any thread (the seams are thread-safe; the facts are made under a once flag).
 class TavloDefaultParameters {
  public:
   explicit TavloDefaultParameters(const TavloPlatform& platform);
@@ -26,6 +30,8 @@ class TavloDefaultParameters {
   /// the screen's size in points ("0" without a screen), "m_os" the model, "m_fw" the
   /// system version, "ds" the diagonal to one decimal, "tn" "tvOS".
   std::shared_ptr<const TavloParameters> defaultParametersForRequest();
+  /// The same dictionary by value, for a tagger that adds its own keys to it.
+  TavloParameters defaultParameters();
 
   /// "<bundle name>/<bundle version> Tavlo SDK v5.4.5 apple <tv|ipad|iphone>", with
   /// "(null)" standing for a missing name or version.
@@ -49,4 +55,6 @@ class TavloDefaultParameters {
   const std::shared_ptr<TavloRandom> random_;
   const std::shared_ptr<TavloAdvertisingIdProvider> advertisingIdProvider_;
   TavloQLVRUUIDHandler uuidHandler_;
+  std::once_flag deviceFactsMade_;
+  TavloParameters deviceFacts_;  // written once under deviceFactsMade_, read-only after
 };

@@ -77,7 +77,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
     return;
   }
 
-  auto parameters = std::make_shared<TavloParameters>(*agent->defaultParametersForRequest());
+  auto parameters = std::make_shared<TavloParameters>(agent->defaultParameters());
   addParam(level1, "c", parameters.get());
   addParam(level2, "p", parameters.get());
   addParam(level3, "l3", parameters.get());
