@@ -15,6 +15,7 @@
 #include "request/TavloRecordClasses.h"
 #include "tagging/TavloCalendar.h"
 #include "tavlo/TavloAudienceTagger.h"
+#include "util/TavloLogSafe.h"
 
 namespace {
 
@@ -189,7 +190,7 @@ void TavloAgent::loadRequests() {
     std::string why;
     const auto decoded = TavloKeyedUnarchiver::unarchivedArrayWithData(data, TavloRecordClasses(), &why);
     if (!decoded) {
-      TavloLogger::log("The request queue file " + *path + " is damaged (" + why +
+      TavloLogger::log("The request queue file " + *path + " is damaged (" + TavloLogSafe(why) +
                            "); starting with an empty queue, the file is replaced at the next save",
                        TavloLoggingModeWarning);
     } else {
@@ -271,7 +272,7 @@ size_t parameterBytes(const TavloRequest& request) {
 void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
   if (!request) return;
   if (const size_t bytes = parameterBytes(*request); bytes > maximumHitBytes) {
-    TavloLogger::log("A hit of serial " + request->serial().value_or("(null)") + " carries " + std::to_string(bytes) +
+    TavloLogger::log("A hit of serial " + TavloLogSafe(request->serial().value_or("(null)")) + " carries " + std::to_string(bytes) +
                          " bytes of parameters, more than the " + std::to_string(maximumHitBytes) +
                          " a hit may carry; it is dropped",
                      TavloLoggingModeError);
@@ -476,7 +477,7 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
                        TavloLoggingModeError);
     } else {
       TavloLogger::log("TavloAudienceTagger - Can't send hit anymore with this serial : " +
-                           request->serial().value_or("(null)"),
+                           TavloLogSafe(request->serial().value_or("(null)")),
                        TavloLoggingModeError);
     }
     return TavloError{TavloErrorDomain, TavloErrorAccessRefused};

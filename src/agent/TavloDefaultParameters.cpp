@@ -1,11 +1,13 @@
 #include "agent/TavloDefaultParameters.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
 
 #include "platform/TavloLogger.h"
 #include "tavlo/TavloVersion.h"
+#include "util/TavloLogSafe.h"
 
 namespace {
 std::string formatted(const char* format, double value) {
@@ -55,8 +57,15 @@ TavloParameters TavloDefaultParameters::defaultParameters() {
 }
 
 std::string TavloDefaultParameters::userAgentOf(TavloDeviceInfo& deviceInfo) {
-  return deviceInfo.bundleName().value_or("(null)") + "/" + deviceInfo.bundleVersion().value_or("(null)") +
-         " Tavlo SDK v" + TavloVersion() + " apple " + deviceWord(deviceInfo.userInterfaceIdiom());
+  // A header cannot carry control characters: a name or version holding one (a line
+  // feed would start a header of its own) would make every request unsendable.
+  const auto headerSafe = [](std::string text) {
+    std::replace_if(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
+    return text;
+  };
+  return headerSafe(deviceInfo.bundleName().value_or("(null)")) + "/" +
+         headerSafe(deviceInfo.bundleVersion().value_or("(null)")) + " Tavlo SDK v" + TavloVersion() + " apple " +
+         deviceWord(deviceInfo.userInterfaceIdiom());
 }
 
 TavloString TavloDefaultParameters::appleDID() {
@@ -68,7 +77,7 @@ TavloString TavloDefaultParameters::appleDID() {
   if (identifier) {
     for (char& c : *identifier) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   }
-  TavloLogger::log("Using did : " + identifier.value_or("(null)"), TavloLoggingModeInfo);
+  TavloLogger::log("Using did : " + TavloLogSafe(identifier.value_or("(null)")), TavloLoggingModeInfo);
   return identifier;
 }
 

@@ -1,4 +1,5 @@
 #include "request/TavloRequest.h"
+#include "util/TavloUrlSafety.h"
 
 #include "tagging/TavloLocked.h"
 #include "request/TavloKeyedArchiver.h"
@@ -301,7 +302,11 @@ TavloString TavloRequest::url(int32_t networkStatus, double clockDelta, const Ta
   }
   setParameter("m_ntwk", network);
 
-  if (!isUsableBase(base)) return std::nullopt;
+  // What a tampered queue file brings back never gets past the checks an authorisation
+  // answer gets: a serial that is one path segment, a host that cannot swallow the query.
+  const bool usable = timestamped ? isUsableBase(base) && TavloIsUsableSerial(access->serial().value_or(""))
+                                  : TavloIsUsableHostURL(base);
+  if (!usable) return std::nullopt;
   return sortedQuery(assembled);
 }
 

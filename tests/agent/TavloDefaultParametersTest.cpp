@@ -77,6 +77,7 @@ TEST_F(TavloDefaultParameters_, UserAgentNamesTheAppAndTheDeviceWord) {
       {"A", "9", TavloUserInterfaceIdiomPhone, "A/9 Tavlo SDK v5.4.5 apple iphone"},
       {"A", "9", 7, "A/9 Tavlo SDK v5.4.5 apple iphone"},
       {std::nullopt, std::nullopt, std::nullopt, "(null)/(null) Tavlo SDK v5.4.5 apple iphone"},
+      {"Te\tst", "1.0\r\nX-Injected: 1", TavloUserInterfaceIdiomTV, "Te st/1.0  X-Injected: 1 Tavlo SDK v5.4.5 apple tv"},
   };
   for (const Case& c : cases) {
     test.deviceInfo->bundleNameValue = c.name;

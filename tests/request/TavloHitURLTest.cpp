@@ -88,10 +88,18 @@ TEST(TavloHitURL, NoURLWithoutAUsableBase) {
                                                        std::make_shared<TavloTaggerID>("1", 0, false), 0);
   EXPECT_FALSE(bare->url(2, 0, kEndpoints)) << "no authorisation attached";
 
-  for (const char* base : {"not a url/", "ftp://x/", "https://bad host/", ""}) {
+  // What a tampered queue file could bring back: hosts that would swallow the query,
+  // serials that would leave the collection path.
+  for (const char* base : {"not a url/", "ftp://x/", "https://bad host/", "", "https://h/m/web/?x=", "https://h/#f"}) {
     auto request = makeRequest({}, 0, TavloSendingModeLive);
     request->setAuth(TavloAuth::TavloAuthWithSession(nullptr, TavloAccess::TavloAccessWithSerial("1", 0, base), false));
     EXPECT_FALSE(request->url(2, 0, kEndpoints)) << base;
+  }
+  for (const char* serial : {"../admin", "1?x=1", "1#f", ""}) {
+    auto request = makeRequest({}, 1, TavloSendingModeTimestamped);
+    request->setAuth(TavloAuth::TavloAuthWithSession(
+        nullptr, TavloAccess::TavloAccessWithSerial(serial, 0, "https://live.example/m/web/"), false));
+    EXPECT_FALSE(request->url(2, 0, kEndpoints)) << serial;
   }
 }
 
