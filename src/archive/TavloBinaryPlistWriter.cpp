@@ -205,7 +205,7 @@ TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::uid(uint32_t value) {
   if (value >= kDirect) return unique(Kind::Scalar, start);
   // Known by value from here: the hash set need not hold it.
   if (value >= uids_.size()) uids_.resize(std::max<std::size_t>(value + 1, 2 * uids_.size()), kNone);
-  return uids_[value] = addNode(static_cast<uint32_t>(start), bytes_.size() - start, Kind::Scalar);
+  return uids_[value] = addNode(start, bytes_.size() - start, Kind::Scalar);
 }
 
 TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::boolean(bool value) {
@@ -251,10 +251,11 @@ void TavloBinaryPlistWriter::setDictionary(Object dictionary, std::span<const En
   fill(dictionary, Kind::Dictionary, reinterpret_cast<const Object*>(entries.data()), 2 * entries.size());
 }
 
-TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::addNode(uint32_t start, std::size_t size, Kind kind) {
+TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::addNode(std::size_t start, std::size_t size, Kind kind) {
   if (nodes_.size() >= kUnplaced - 1) throw std::length_error("too many property-list objects");
+  if (start + size > kUnplaced) throw std::length_error("property-list scalars past 4 GiB");
   if (size >= (std::size_t{1} << 30)) throw std::length_error("property-list object past 1 GiB");
-  nodes_.push_back(Node{start, static_cast<uint32_t>(size << 2) | static_cast<uint32_t>(kind)});
+  nodes_.push_back(Node{static_cast<uint32_t>(start), static_cast<uint32_t>(size << 2) | static_cast<uint32_t>(kind)});
   return static_cast<Object>(nodes_.size() - 1);
 }
 
@@ -275,13 +276,12 @@ void TavloBinaryPlistWriter::fill(Object container, Kind kind, const Object* ref
 // bytes are dropped and the old object is answered.
 TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::unique(Kind kind, std::size_t start) {
   const std::size_t size = bytes_.size() - start;
-  if (bytes_.size() > kUnplaced) throw std::length_error("property-list scalars past 4 GiB");
   const uint32_t hash = hashBytes(static_cast<unsigned>(kind), bytes_.data() + start, size);
   const std::size_t mask = tableSlots_ - 1;
   for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask) {
     const uint64_t held = table_[slot];
     if (held == 0) {
-      const Object object = addNode(static_cast<uint32_t>(start), size, kind);
+      const Object object = addNode(start, size, kind);
       table_[slot] = uint64_t{hash} << 32 | (uint64_t{object} + 1);
       if (4 * ++tableEntries_ > 3 * tableSlots_) allocateTable(2 * tableSlots_);
       return object;

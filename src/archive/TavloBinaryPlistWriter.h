@@ -17,8 +17,10 @@
 /// Why not libplist: for a queue of 500 requests it allocated some 150,000 nodes, one
 /// per value, serialised them through a hash table of its own, then freed them, which
 /// took tens of milliseconds and left megabytes of fragmented heap behind. This writer
-/// keeps a handful of flat arrays (encoded scalars, container references, a hash table
-/// of indices) and writes the file into one string sized exactly before the first byte.
+/// keeps a handful of flat arrays (encoded scalars, 8-byte nodes, container references,
+/// a hash set of indices) and writes the file into one string sized exactly before the
+/// first byte; everything else is freed when it is destroyed. Such a queue encodes in a
+/// millisecond or two (bench/TavloQueueFileBench.cpp), some ten times faster than before.
 ///
 /// The layout it reproduces:
 ///  - objects are numbered in depth-first pre-order from the top object, a dictionary's
@@ -32,8 +34,10 @@
 ///  - references and offsets take the fewest of 1, 2, 3, 4 or 8 bytes that hold the
 ///    object count and the offset of the table.
 ///
-/// Limits: no data, dates, sets or null objects (the archive has none); at most 2^32 - 1
-/// objects and 4 GiB of encoded scalars. Containers are expected to form a tree under the
+/// Limits: no data, dates, sets or null objects (the archive has none); at most 2^32 - 2
+/// objects, 4 GiB of encoded scalars, 1 GiB per scalar and 2^30 references per
+/// container, past which std::length_error is thrown (std::invalid_argument for a handle
+/// of another writer). Containers are expected to form a tree under the
 /// top object, each filled once; an object reached twice is written once, and one never
 /// reached from the top is left out. Text must be UTF-8: a byte that does not decode is
 /// written as U+FFFD, and NUL characters are kept (libplist would cut the string there).
@@ -86,7 +90,7 @@ class TavloBinaryPlistWriter {
   };
   static constexpr Object kNone = UINT32_MAX;
 
-  Object addNode(uint32_t start, std::size_t size, Kind kind);
+  Object addNode(std::size_t start, std::size_t size, Kind kind);
   Object unique(Kind kind, std::size_t start);
   void fill(Object container, Kind kind, const Object* references, std::size_t count);
   void allocateTable(std::size_t slots);
