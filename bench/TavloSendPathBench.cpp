@@ -1,0 +1,319 @@
+// What a hit costs on its way out, each figure beside its floor in the same run:
+//  - the send loop's CPU per hit, draining over loopback, beside a plain libcurl loop with
+//    one reused handle sending the same URLs to the same server;
+//  - the caller's cost of sendHitWithLevel1 and notifyEvent beside building the same
+//    parameter map alone, median and p99;
+//  - the library's threads with 0, 1 and 10 streaming taggers playing, and its wake-ups
+//    per second while one plays (TAVLO_BENCH_WAKE_SECONDS, default 60, of real time).
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <dirent.h>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/TavloAgent.h"
+#include "platform/TavloCurlHttpClient.h"
+#include "platform/TavloLogger.h"
+#include "support/TavloTestPlatform.h"
+#include "support/TavloTestServer.h"
+#include "tavlo/TavloAudienceTagger.h"
+#include "tavlo/TavloStreamingTagger.h"
+
+namespace {
+
+// ---- Reading the threads of this process ----
+
+struct ThreadInfo {
+  std::string name;
+  double cpuSeconds = 0;   // from schedstat: time on a CPU
+  long switches = 0;       // voluntary and involuntary context switches: wake-ups
+};
+
+std::string readFirstLine(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  std::getline(in, line);
+  return line;
+}
+
+std::vector<ThreadInfo> threads() {
+  std::vector<ThreadInfo> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    ThreadInfo info;
+    info.name = readFirstLine(entry.path() / "comm");
+    info.cpuSeconds = std::atof(readFirstLine(entry.path() / "schedstat").c_str()) / 1e9;
+    std::ifstream status(entry.path() / "status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0 || line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
+        info.switches += std::atol(line.c_str() + line.find(':') + 1);
+      }
+    }
+    found.push_back(info);
+  }
+  return found;
+}
+
+// CPU seconds and wake-ups of the library's own threads (named "Tavlo...").
+ThreadInfo libraryThreads(const std::string& prefix = "Tavlo") {
+  ThreadInfo total;
+  for (const auto& thread : threads()) {
+    if (thread.name.rfind(prefix, 0) != 0) continue;
+    total.cpuSeconds += thread.cpuSeconds;
+    total.switches += thread.switches;
+  }
+  return total;
+}
+
+size_t libraryThreadCount() {
+  size_t count = 0;
+  for (const auto& thread : threads()) count += thread.name.rfind("Tavlo", 0) == 0;
+  return count;
+}
+
+double percentile(std::vector<double> values, double fraction) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  return values[std::min(values.size() - 1, static_cast<size_t>(fraction * values.size()))];
+}
+
+void report(benchmark::State& state, const std::string& what, double figure, double floor) {
+  state.counters[what] = figure;
+  state.counters[what + "_floor"] = floor;
+  if (floor > 0) state.counters[what + "_ratio"] = figure / floor;
+}
+
+// ---- A collector on loopback, and a platform that sends to it ----
+
+struct Collector {
+  TavloTestServer server{TavloTestServer::Options{true}};
+  Collector() {
+    server.handle("/m/web/", [](const TavloTestServerRequest&) { return TavloTestServerResponse::with(200); });
+    server.handle("/", [this](const TavloTestServerRequest&) {
+      return TavloTestServerResponse::with(200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=5");
+    });
+  }
+  std::vector<std::string> hitURLs() const {
+    std::vector<std::string> urls;
+    for (const auto& request : server.requests()) {
+      if (request.path.rfind("/m/web/", 0) == 0) urls.push_back(server.baseURL() + request.target);
+    }
+    return urls;
+  }
+};
+
+TavloTestPlatform sendingPlatform(const Collector& collector) {
+  TavloTestPlatform test = TavloMakeTestPlatform();
+  test.platform.httpClient = std::make_shared<TavloCurlHttpClient>();
+  test.platform.endpoints = TavloEndpoints::allAt(collector.server.baseURL());
+  return test;
+}
+
+// The floor: one reused libcurl handle sending `urls` with the same header, CPU per URL.
+double curlLoopCpuPerHit(const std::vector<std::string>& urls) {
+  CURL* curl = curl_easy_init();
+  curl_slist* headers = curl_slist_append(nullptr, "User-Agent: TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv");
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, 10000L);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t count, void*) { return size * count; });
+  timespec start{}, end{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &start);
+  for (const auto& url : urls) {
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_perform(curl);
+  }
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(curl);
+  return ((end.tv_sec - start.tv_sec) + (end.tv_nsec - start.tv_nsec) / 1e9) / static_cast<double>(urls.size());
+}
+
+constexpr int kHits = 500;
+
+void BM_SendLoopCpuPerAudienceHit(benchmark::State& state) {
+  std::vector<double> library, floor;
+  for (auto _ : state) {
+    Collector collector;
+    TavloTestPlatform test = sendingPlatform(collector);
+    auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
+    agent->TEST_waitUntilIdle();
+    auto tagger = TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, "S1", std::nullopt);
+    const ThreadInfo before = libraryThreads("TavloRequestSen");
+    for (int i = 0; i < kHits; ++i) tagger->sendHitWithLevel1("screen " + std::to_string(i), "section");
+    collector.server.waitForRequests(kHits + 1, std::chrono::seconds(120));
+    agent->TEST_waitUntilIdle(120);
+    library.push_back((libraryThreads("TavloRequestSen").cpuSeconds - before.cpuSeconds) / kHits);
+    agent->shutdown();
+    floor.push_back(curlLoopCpuPerHit(collector.hitURLs()));
+  }
+  report(state, "cpu_us_per_hit", percentile(library, 0.5) * 1e6, percentile(floor, 0.5) * 1e6);
+}
+BENCHMARK(BM_SendLoopCpuPerAudienceHit)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+void BM_SendLoopCpuPerStreamingHitFromTheQueueFile(benchmark::State& state) {
+  std::vector<double> library, floor;
+  for (auto _ : state) {
+    Collector collector;
+    TavloTestPlatform test = sendingPlatform(collector);
+    test.reachability->setFlags(0);
+    {
+      // Queue the hits of a playing tagger while offline, and keep them in the file.
+      auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
+      auto tagger = TavloStreamingTagger::TavloStreamingTaggerWithSerial(agent, "S1", "Film", 50, "http://m", 3600,
+                                                                          TavloStreamingTypeNoPosition);
+      for (int i = 0; i < kHits; ++i) {
+        tagger->notifyEvent(i % 2 ? TavloStreamingEventPause : TavloStreamingEventPlay, i);
+        test.clock->advance(2);
+        test.mainQueue->runUntilIdle();
+      }
+      tagger.reset();
+      agent->shutdown();
+    }
+    auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
+    agent->TEST_waitForHandOver();  // the file is loaded
+    const ThreadInfo before = libraryThreads("TavloRequestSen");
+    test.reachability->setFlags(TavloReachabilityFlagReachable);
+    agent->applicationWillEnterForeground();
+    agent->waitUntilQueueEmpty(120);
+    agent->TEST_waitUntilIdle(120);
+    const size_t sent = collector.hitURLs().size();
+    library.push_back((libraryThreads("TavloRequestSen").cpuSeconds - before.cpuSeconds) / std::max<size_t>(sent, 1));
+    agent->shutdown();
+    floor.push_back(curlLoopCpuPerHit(collector.hitURLs()));
+  }
+  report(state, "cpu_us_per_hit", percentile(library, 0.5) * 1e6, percentile(floor, 0.5) * 1e6);
+}
+BENCHMARK(BM_SendLoopCpuPerStreamingHitFromTheQueueFile)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+// ---- The caller's cost ----
+
+template <typename Call>
+std::vector<double> timeEach(int count, Call call) {
+  std::vector<double> micros;
+  micros.reserve(count);
+  for (int i = 0; i < count; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    call(i);
+    micros.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
+  }
+  return micros;
+}
+
+void BM_CallerCostOfAnAudienceHit(benchmark::State& state) {
+  TavloTestPlatform test = TavloMakeTestPlatform();
+  test.reachability->setFlags(0);
+  auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
+  auto tagger = TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, "S1", std::nullopt);
+  const TavloParameters sample = agent->defaultParameters();
+  std::vector<double> calls, floor;
+  for (auto _ : state) {
+    const auto made = timeEach(2000, [&](int i) { tagger->sendHitWithLevel1("screen " + std::to_string(i), "section"); });
+    calls.insert(calls.end(), made.begin(), made.end());
+    const auto built = timeEach(2000, [&](int i) {
+      TavloParameters parameters(sample);
+      parameters["c"] = "screen " + std::to_string(i);
+      parameters["p"] = "section";
+      benchmark::DoNotOptimize(parameters);
+    });
+    floor.insert(floor.end(), built.begin(), built.end());
+    agent->TEST_waitForHandOver();
+  }
+  report(state, "median_us", percentile(calls, 0.5), percentile(floor, 0.5));
+  report(state, "p99_us", percentile(calls, 0.99), percentile(floor, 0.99));
+  agent->shutdown();
+}
+BENCHMARK(BM_CallerCostOfAnAudienceHit)->Iterations(5)->Unit(benchmark::kMillisecond);
+
+void BM_CallerCostOfAStreamingEvent(benchmark::State& state) {
+  TavloTestPlatform test = TavloMakeTestPlatform();
+  test.reachability->setFlags(0);
+  auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
+  auto tagger = TavloStreamingTagger::TavloStreamingTaggerWithSerial(agent, "S1", "Film", 50, "http://m", 3600,
+                                                                      TavloStreamingTypeNoPosition);
+  std::vector<double> calls, floor;
+  for (auto _ : state) {
+    for (int i = 0; i < 1000; ++i) {
+      test.clock->advance(2);  // never within the throttle's second
+      const auto event = i % 2 ? TavloStreamingEventPause : TavloStreamingEventPlay;
+      calls.push_back(timeEach(1, [&](int) { tagger->notifyEvent(event, i); }).front());
+    }
+    agent->TEST_waitForHandOver();
+    // The floor: the same 35-parameter dictionary built alone from its strings.
+    const auto queued = agent->TEST_queue();
+    const TavloParameters sample = queued.empty() ? TavloParameters{} : *queued.back()->parameters();
+    std::vector<std::pair<std::string, std::string>> entries(sample.begin(), sample.end());
+    const auto built = timeEach(1000, [&](int) {
+      TavloParameters parameters;
+      for (const auto& [key, value] : entries) parameters.emplace(key, value);
+      benchmark::DoNotOptimize(parameters);
+    });
+    floor.insert(floor.end(), built.begin(), built.end());
+    state.counters["parameters"] = static_cast<double>(sample.size());
+  }
+  report(state, "median_us", percentile(calls, 0.5), percentile(floor, 0.5));
+  report(state, "p99_us", percentile(calls, 0.99), percentile(floor, 0.99));
+  tagger.reset();
+  agent->shutdown();
+}
+BENCHMARK(BM_CallerCostOfAStreamingEvent)->Iterations(5)->Unit(benchmark::kMillisecond);
+
+// ---- Threads and wake-ups, on the Linux defaults ----
+
+void BM_ThreadsAndWakeUpsWhilePlaying(benchmark::State& state) {
+  const char* seconds = std::getenv("TAVLO_BENCH_WAKE_SECONDS");
+  const int window = seconds ? std::max(1, std::atoi(seconds)) : 60;
+  for (auto _ : state) {
+    Collector collector;
+    TavloPlatform platform = TavloPlatform::linuxDefaults();
+    TavloTestPlatform files = TavloMakeTestPlatform();
+    platform.files = files.platform.files;
+    platform.endpoints = TavloEndpoints::allAt(collector.server.baseURL());
+    auto agent = TavloAgent::make(platform, nullptr, std::make_shared<TavloNotificationCenter>());
+    agent->TEST_waitForHandOver();
+    const auto play = [&](int count) {
+      std::vector<std::shared_ptr<TavloStreamingTagger>> taggers;
+      for (int i = 0; i < count; ++i) {
+        taggers.push_back(TavloStreamingTagger::TavloStreamingTaggerWithSerial(
+            agent, "S1", "Film " + std::to_string(i), 50, "http://m", 3600, TavloStreamingTypeNoPosition));
+        taggers.back()->notifyEvent(TavloStreamingEventPlay, 0);
+      }
+      return taggers;
+    };
+    const size_t idle = libraryThreadCount();
+    state.counters["threads_idle"] = static_cast<double>(idle);
+    {
+      auto ten = play(10);
+      state.counters["threads_10_playing"] = static_cast<double>(libraryThreadCount());
+      for (auto& tagger : ten) tagger->notifyEvent(TavloStreamingEventStop, 0);
+    }
+    auto one = play(1);
+    state.counters["threads_1_playing"] = static_cast<double>(libraryThreadCount());
+    agent->waitUntilQueueEmpty(30);  // the hits of the ten, and the play of this one, are out
+    const ThreadInfo before = libraryThreads();
+    std::this_thread::sleep_for(std::chrono::seconds(window));  // the figure is real time itself
+    const ThreadInfo after = libraryThreads();
+    report(state, "wakeups_per_s", static_cast<double>(after.switches - before.switches) / window, 1.0);
+    one.front()->notifyEvent(TavloStreamingEventStop, 0);
+    agent->shutdown();
+  }
+}
+BENCHMARK(BM_ThreadsAndWakeUpsWhilePlaying)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeError);
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
