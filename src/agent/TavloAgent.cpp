@@ -283,12 +283,14 @@ void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
 
 bool TavloAgent::handOver(HandOver item) {
   bool schedule = false;
+  HandOver dropped{};  // released after the lock: freeing a hit's parameters takes a while
   {
     std::lock_guard lock(inboxProtector);
     if (inboxClosed_) return false;
     if (item.kind == HandOver::Enqueue && inboxRequests_ >= maximumHandOverBacklog) {
       const auto oldest = std::find_if(inbox_.begin(), inbox_.end(),
                                        [](const HandOver& waiting) { return waiting.kind == HandOver::Enqueue; });
+      dropped = std::move(*oldest);
       inbox_.erase(oldest);
       --inboxRequests_;
       ++droppedAtHandOver_;
@@ -309,21 +311,30 @@ bool TavloAgent::handOver(HandOver item) {
 }
 
 void TavloAgent::takeHandOver() {
-  std::deque<HandOver> taken;
-  uint64_t dropped = 0;
-  {
-    std::lock_guard lock(inboxProtector);
-    taken.swap(inbox_);
-    inboxRequests_ = 0;
-    inboxTakeScheduled_ = false;
-    dropped = std::exchange(droppedSinceLastTake_, 0);
-  }
-  if (dropped > 0) {
-    TavloLogger::log(std::to_string(dropped) + " hit(s) came faster than the queue could take them and were dropped, " +
-                         "oldest first",
-                     TavloLoggingModeWarning);
-  }
-  {
+  // Taken in small batches: what waits in the hand-over, what is being queued and the
+  // queue itself are then all that is alive at once, however fast hits come.
+  constexpr size_t kBatch = 16;
+  for (;;) {
+    std::deque<HandOver> taken;
+    uint64_t dropped = 0;
+    {
+      std::lock_guard lock(inboxProtector);
+      if (inbox_.empty()) {
+        inboxTakeScheduled_ = false;
+        break;
+      }
+      while (!inbox_.empty() && taken.size() < kBatch) {
+        if (inbox_.front().kind == HandOver::Enqueue) --inboxRequests_;
+        taken.push_back(std::move(inbox_.front()));
+        inbox_.pop_front();
+      }
+      dropped = std::exchange(droppedSinceLastTake_, 0);
+    }
+    if (dropped > 0) {
+      TavloLogger::log(std::to_string(dropped) +
+                           " hit(s) came faster than the queue could take them and were dropped, oldest first",
+                       TavloLoggingModeWarning);
+    }
     std::lock_guard lock(requestsProtector);
     for (const HandOver& item : taken) {
       switch (item.kind) {

@@ -178,7 +178,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// kept in the order they came so that a reaction sees exactly the requests handed
   /// over before it.
   struct HandOver {
-    enum Kind { Enqueue, ReconnectionPurge, Wake } kind;
+    enum Kind { Enqueue, ReconnectionPurge, Wake } kind = Enqueue;
     std::shared_ptr<TavloRequest> request;
   };
 
