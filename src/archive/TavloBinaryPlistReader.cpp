@@ -181,36 +181,47 @@ std::optional<uint64_t> TavloBinaryPlistReader::valueAt(const Object& dictionary
   return reference;
 }
 
-std::optional<uint64_t> TavloBinaryPlistReader::valueForKey(const Object& dictionary, std::string_view key) const {
-  if (dictionary.type != Type::Dictionary) return std::nullopt;
-  // The ASCII string `key` as it would be stored: compared with each key's bytes in place.
-  unsigned char stored[12];
+std::optional<uint64_t> TavloBinaryPlistReader::valueForKey(const Object& dictionary, std::string_view key,
+                                                            uint64_t* cursor) const {
+  if (dictionary.type != Type::Dictionary || dictionary.count == 0) return std::nullopt;
+  // The ASCII string `key` as it would be stored, marker and length first: compared with
+  // each key's bytes in place.
+  char stored[80];
   std::size_t storedSize = 0;
   if (key.size() < 15) {
-    stored[storedSize++] = static_cast<unsigned char>(0x50 | key.size());
-  } else if (key.size() < 256) {
-    stored[storedSize++] = 0x5F;
-    stored[storedSize++] = 0x10;
-    stored[storedSize++] = static_cast<unsigned char>(key.size());
+    stored[storedSize++] = static_cast<char>(0x50 | key.size());
+  } else if (key.size() <= sizeof stored - 3) {
+    stored[storedSize++] = '\x5F';
+    stored[storedSize++] = '\x10';
+    stored[storedSize++] = static_cast<char>(key.size());
   }
-  for (uint64_t i = 0; i < dictionary.count; ++i) {
+  const bool fast = storedSize != 0;
+  if (fast) {
+    std::memcpy(stored + storedSize, key.data(), key.size());
+    storedSize += key.size();
+  }
+  const uint64_t first = cursor != nullptr && *cursor < dictionary.count ? *cursor : 0;
+  for (uint64_t n = 0, i = first; n < dictionary.count; ++n, i = i + 1 == dictionary.count ? 0 : i + 1) {
     const std::optional<uint64_t> keyIndex = keyAt(dictionary, i);
     if (!keyIndex) continue;
     const uint64_t offset = readUnsigned(tableStart_ + *keyIndex * offsetWidth_, offsetWidth_);
     if (offset < kHeaderSize || offset >= tableStart_) continue;
     const uint8_t marker = bytes_[offset];
-    if (marker >> 4 == 0x5) {
-      // An ASCII key: equal only if stored as `stored` says, unless its length is written
-      // in some wider integer than ours.
-      if (storedSize != 0 && tableStart_ - offset >= storedSize + key.size() &&
-          std::memcmp(bytes_ + offset, stored, storedSize) == 0) {
-        if (std::memcmp(bytes_ + offset + storedSize, key.data(), key.size()) == 0) return valueAt(dictionary, i);
-        continue;
-      }
-      if ((marker & 0x0F) != 0x0F) continue;
+    bool equal = false;
+    if (fast && marker >> 4 == 0x5 && (marker & 0x0F) != 0x0F) {
+      // A short ASCII key: its bytes decide.
+      equal = tableStart_ - offset >= storedSize && std::memcmp(bytes_ + offset, stored, storedSize) == 0;
+    } else if (fast && marker == 0x5F && tableStart_ - offset >= storedSize &&
+               std::memcmp(bytes_ + offset, stored, storedSize) == 0) {
+      equal = true;
+    } else {
+      // Other encodings of the same text (UTF-16, counts in wider integers).
+      equal = stringEquals(object(*keyIndex), key);
     }
-    // Other encodings of the same text (UTF-16, longer counts) take the general way.
-    if (stringEquals(object(*keyIndex), key)) return valueAt(dictionary, i);
+    if (equal) {
+      if (cursor != nullptr) *cursor = i + 1;
+      return valueAt(dictionary, i);
+    }
   }
   return std::nullopt;
 }

@@ -62,7 +62,11 @@ class TavloBinaryPlistReader {
 
   /// The value of the first entry of `dictionary` whose key is the string `key`; keys
   /// that are not strings are passed over. Costs one comparison per entry before it.
-  std::optional<uint64_t> valueForKey(const Object& dictionary, std::string_view key) const;
+  /// With `cursor`, the search starts at that entry and wraps around, and `cursor` is
+  /// left after the entry found: a reader that asks for keys in the order they were
+  /// written finds each at the first comparison.
+  std::optional<uint64_t> valueForKey(const Object& dictionary, std::string_view key,
+                                      uint64_t* cursor = nullptr) const;
 
   bool boolValue(const Object& object) const;
   /// An integer's two's-complement bits: 8 bytes read as signed, fewer as unsigned.

@@ -248,9 +248,12 @@ TavloKeyedUnarchiver::Index TavloKeyedUnarchiver::lookup(const Object& dictionar
 }
 
 TavloKeyedUnarchiver::Index TavloKeyedUnarchiver::valueForKey(const std::string& key) const {
+  if (current_.type != Type::Dictionary || !charge(current_.count + 1)) return std::nullopt;
   // NSKeyedArchiver's escape for coder keys that begin with "$" (see the archiver).
-  if (!key.empty() && key.front() == '$') return lookup(current_, "$" + key);
-  return lookup(current_, key);
+  // Decoders mostly read their keys in the order they wrote them: the search goes on
+  // from the last key found.
+  if (!key.empty() && key.front() == '$') return reader_.valueForKey(current_, "$" + key, &cursor_);
+  return reader_.valueForKey(current_, key, &cursor_);
 }
 
 // The archived object that the UID at `uidNode` names; Type::Invalid for UID 0 ("$null"),
@@ -300,7 +303,9 @@ std::shared_ptr<TavloCodable> TavloKeyedUnarchiver::decodeRecordAt(Index uidNode
 
   slot.state = DecodeState::InProgress;
   const Object outer = current_;
+  const uint64_t outerCursor = cursor_;
   current_ = object;
+  cursor_ = 0;
   ++depth_;
   std::shared_ptr<TavloCodable> record;
   try {
@@ -311,6 +316,7 @@ std::shared_ptr<TavloCodable> TavloKeyedUnarchiver::decodeRecordAt(Index uidNode
   }
   --depth_;
   current_ = outer;
+  cursor_ = outerCursor;
 
   // `slots_` is not resized while decoding, so `slot` is still the same element.
   slot.state = DecodeState::Done;
@@ -320,8 +326,10 @@ std::shared_ptr<TavloCodable> TavloKeyedUnarchiver::decodeRecordAt(Index uidNode
 }
 
 TavloString TavloKeyedUnarchiver::classNameOf(const Object& object) {
-  if (object.type != Type::Dictionary) return std::nullopt;
-  const Object description = archivedObject(lookup(object, "$class"));
+  if (object.type != Type::Dictionary || !charge(object.count + 1)) return std::nullopt;
+  // Archivers write "$class" after the object's own keys: the search starts at the end.
+  uint64_t last = object.count - 1;
+  const Object description = archivedObject(reader_.valueForKey(object, "$class", &last));
   if (description.type != Type::Dictionary) return std::nullopt;
   const Index classes = lookup(description, "$classes");
   if (!classes || reader_.object(*classes).type != Type::Array) return std::nullopt;
@@ -382,7 +390,8 @@ std::shared_ptr<const TavloParameters> TavloKeyedUnarchiver::parametersAt(Index 
           parameters = nullptr;
           break;
         }
-        parameters->insert_or_assign(std::move(*keyText), std::move(*valueText));
+        // Archivers write a dictionary's keys sorted, so the end is the place to look first.
+        parameters->insert_or_assign(parameters->end(), std::move(*keyText), std::move(*valueText));
       }
     }
   }

@@ -118,6 +118,7 @@ class TavloKeyedUnarchiver {
   std::vector<Slot> slots_;  // one per entry of objects_, by UID
   std::unordered_map<uint64_t, std::shared_ptr<const TavloParameters>> parameters_;  // decoded dictionaries, by UID
   Object current_;           // dictionary of the record being decoded
+  mutable uint64_t cursor_ = 0;  // where the next lookup in current_ starts
   int depth_ = 0;
   mutable uint64_t steps_ = 0;  // work done so far, against maxSteps
   mutable bool exhausted_ = false;

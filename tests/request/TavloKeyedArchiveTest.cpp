@@ -41,15 +41,16 @@ class TestItem : public TavloCodable {
     coder.encodeObject(child.get(), "child");
     coder.encodeObject(sibling.get(), "sibling");
   }
+  // Reads its keys in another order than it writes them, as other decoders may.
   static std::shared_ptr<TavloCodable> initWithCoder(TavloKeyedUnarchiver& coder) {
     auto item = std::make_shared<TestItem>();
-    item->name = coder.decodeString("name");
-    item->count = coder.decodeInteger("count");
-    item->flag = coder.decodeBool("$class");
-    item->when = coder.decodeDate("when");
-    item->parameters = coder.decodeParameters("parameters");
     item->child = coder.decodeObject("child");
     item->sibling = coder.decodeObject("sibling");
+    item->name = coder.decodeString("name");
+    item->when = coder.decodeDate("when");
+    item->count = coder.decodeInteger("count");
+    item->flag = coder.decodeBool("$class");
+    item->parameters = coder.decodeParameters("parameters");
     return item;
   }
 };
