@@ -26,19 +26,48 @@
 /// Refused: an address that is not AF_INET, an empty host name or one beyond 255
 /// characters.
 ///
-/// Reading: every currentFlags() is one fresh exchange with the kernel over a new
-/// socket (a link dump plus a route dump, an address dump or one lookup), each request
-/// bounded by a one-second deadline and retried when the tables changed mid-dump; a
-/// failed exchange answers nothing ("unreadable"). Nothing is cached, so an answer is
-/// never stale, and nothing starts a thread until a handle watches.
+/// Why a watcher: the send loop asks the agent's monitor on every hit, and a fresh read
+/// costs a new socket, two dumps and a uevent file per question. So the kernel's state is
+/// kept once for the whole process and questions are answered from memory.
 ///
-/// Watching: each watching handle has a thread of its own ("TavloReachable") on a
-/// socket subscribed to link, address and route announcements, plus an eventfd that
-/// stopWatching() uses to wake it. On every announcement (after reading all that are
-/// waiting, so a burst costs one read) it re-reads the whole state instead of applying
-/// the message: when a link goes down the kernel drops its IPv4 routes without saying
-/// so. onChange is called only when the flags differ from the last ones seen; an
-/// unreadable state is skipped, not reported.
+/// The watcher (one per process, shared by every handle of every source instance):
+///  - One thread, "TavloReachable", started by the first startWatching() of any handle
+///    and kept for the life of the process (it sleeps in poll() between changes). Ten
+///    watching monitors cost one thread, not ten.
+///  - It subscribes to link, address and route announcements first and dumps the state
+///    second, so no change between the two goes unseen. The first dump runs on the
+///    thread that starts watching, so the state is there when startWatching() returns.
+///  - On every announcement (after reading all that are waiting, so a burst costs one
+///    read) it re-dumps links, addresses and routes instead of applying the message:
+///    when a link goes down the kernel drops its IPv4 routes without saying so.
+///  - What it keeps: the flags of the any-route and link-local targets, worked out from
+///    each dump, and whether each interface (by index and name) is cellular, read from
+///    sysfs once when the interface first appears.
+///  - Staleness: an answer lags the kernel by the time the thread takes to wake and
+///    re-dump (one wake-up and three dumps). Announcements lost to a full socket buffer
+///    (ENOBUFS) still wake it, and it re-dumps everything.
+///
+/// Queries: currentFlags() of an any-route, link-local or host-name handle answers from
+/// the watcher's state with no system call whenever the watcher has one, whether or not
+/// that handle watches. Before the watcher's first state, after a dump failed (it tries
+/// again every second) or after the watcher failed, it falls back to a fresh read: one
+/// exchange with the kernel over a new socket (a link dump plus a route or an address
+/// dump), each request bounded by a one-second deadline and retried when the tables
+/// changed mid-dump; a failed exchange answers nothing ("unreadable"). An answer is
+/// thus never wrong for lack of a watcher. An arbitrary address always asks the
+/// kernel's route lookup afresh: its answer depends on the whole routing table, which
+/// is not kept.
+///
+/// Watching: startWatching() registers the handle's callback with the watcher. After
+/// each re-dump the thread works out each registered target's flags (a route lookup for
+/// an arbitrary address) and calls onChange only for the handles whose flags differ
+/// from the last ones they saw; an unreadable state is skipped, not reported. All calls
+/// come from the one thread, so a handle never sees two at once. stopWatching()
+/// unregisters, and waits only for a call of its own handle that is running on another
+/// thread. If the announcement socket fails, the watcher logs "Stopped watching network
+/// changes: ..." once, drops its state (queries fall back to fresh reads) and ends its
+/// thread; the next startWatching() of any handle starts a new one, which reports to
+/// every handle still registered.
 ///
 /// Interfaces are told cellular by their uevent (DEVTYPE=wwan in
 /// /sys/class/net/<name>/uevent) or by a name starting with "wwan".
@@ -62,7 +91,8 @@ class TavloNetlinkReachabilitySource : public TavloReachabilitySource {
 
   /// Which kind of target an IPv4 address is.
   static Target targetFor(const sockaddr_in& address);
-  /// The flags of `target` now; nothing when the kernel could not be asked.
+  /// The flags of `target` read afresh from the kernel, whatever the watcher knows;
+  /// nothing when the kernel could not be asked.
   static std::optional<uint32_t> readFlags(const Target& target);
   /// Whether the interface named so is a cellular modem.
   static bool isCellularInterface(const std::string& name);

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -18,6 +19,8 @@ constexpr size_t kDatagramCapacity = 64 * 1024;
 size_t aligned(size_t length) { return (length + NLMSG_ALIGNTO - 1) & ~static_cast<size_t>(NLMSG_ALIGNTO - 1); }
 
 using SteadyClock = std::chrono::steady_clock;
+
+std::atomic<uint64_t> requestsSent{0};
 
 }  // namespace
 
@@ -73,6 +76,7 @@ int TavloNetlinkSocket::request(uint16_t type, uint16_t flags, const void* paylo
     sent = ::sendto(descriptor, out.data(), out.size(), 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
   } while (sent < 0 && errno == EINTR);
   if (sent != static_cast<ssize_t>(out.size())) return -1;
+  requestsSent.fetch_add(1, std::memory_order_relaxed);
 
   const bool dump = (flags & NLM_F_DUMP) == NLM_F_DUMP;
   const auto deadline = SteadyClock::now() + timeout;
@@ -136,6 +140,8 @@ int TavloNetlinkSocket::request(uint16_t type, uint16_t flags, const void* paylo
     }
   }
 }
+
+uint64_t TavloNetlinkSocket::TEST_requestCount() { return requestsSent.load(std::memory_order_relaxed); }
 
 bool TavloNetlinkSocket::drain() {
   if (descriptor < 0) return false;

@@ -52,6 +52,9 @@ class TavloNetlinkSocket {
   /// below a header or beyond the datagram (what came before it was still handed on).
   static bool forEachMessage(const uint8_t* data, size_t length, const MessageHandler& onMessage);
 
+  /// How many requests every socket of this process has sent to the kernel so far.
+  static uint64_t TEST_requestCount();
+
  private:
   int descriptor = -1;
   uint32_t lastSequence = 0;
