@@ -7,12 +7,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/TavloNetlinkReachabilitySource.h"
@@ -48,6 +52,12 @@ std::shared_ptr<TavloReachability> monitorOverTheRealSource() {
   return TavloReachability::reachabilityForInternetConnection(std::make_shared<TavloNetlinkReachabilitySource>(),
                                                               std::make_shared<TavloManualMainQueue>(),
                                                               std::make_shared<TavloNotificationCenter>());
+}
+
+size_t threadCount() {
+  size_t count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+  return count;
 }
 
 // Every flags value a watcher reported, in order.
@@ -206,6 +216,10 @@ TEST(TavloNetlinkReachabilityIntegrationTest, FreshNamespaceFollowsADefaultRoute
   runInFreshNamespace("DISABLED_DefaultRouteComesAndGoes");
 }
 
+TEST(TavloNetlinkReachabilityIntegrationTest, FreshNamespaceWatchersShareOneThreadAndAnswerFromMemory) {
+  runInFreshNamespace("DISABLED_WatchersShareOneThreadAndAnswerFromMemory");
+}
+
 TEST(TavloNetlinkReachabilityInFreshNamespace, DISABLED_IsOfflineEvenWithLoopbackUp) {
   if (std::getenv(kChildMarker) == nullptr) GTEST_SKIP() << "runs only in the namespace its parent case makes";
   TavloNetlinkReachabilitySource source;
@@ -235,6 +249,34 @@ TEST(TavloNetlinkReachabilityInFreshNamespace, DISABLED_IsOfflineEvenWithLoopbac
   for (size_t i = 1; i < seen.size(); ++i) EXPECT_NE(seen[i - 1], seen[i]) << "a report without a change";
 }
 
+TEST(TavloNetlinkReachabilityInFreshNamespace, DISABLED_WatchersShareOneThreadAndAnswerFromMemory) {
+  if (std::getenv(kChildMarker) == nullptr) GTEST_SKIP() << "runs only in the namespace its parent case makes";
+  // Nothing changes in this namespace while the case runs, so no announcement wakes
+  // the watcher: every request counted below comes from a query.
+  TavloNetlinkReachabilitySource source, other;
+  const std::vector<std::shared_ptr<TavloReachabilityHandle>> asked = {
+      handleFor(other, "0.0.0.0"), handleFor(other, "169.254.0.0"), other.handleForHostName("tv.example")};
+  uint64_t requests = TavloNetlinkSocket::TEST_requestCount();
+  ASSERT_EQ(0u, asked[0]->currentFlags().value_or(R));
+  EXPECT_GT(TavloNetlinkSocket::TEST_requestCount(), requests) << "unwatched, a query must read afresh";
+
+  const size_t threadsBefore = threadCount();
+  std::vector<std::shared_ptr<TavloReachabilityHandle>> watching;
+  for (int i = 0; i < 10; ++i) {
+    watching.push_back(handleFor(i % 2 == 0 ? source : other, i % 3 == 0 ? "169.254.0.0" : "0.0.0.0"));
+    ASSERT_TRUE(watching.back()->startWatching([](uint32_t) {}));
+  }
+  EXPECT_LE(threadCount(), threadsBefore + 1) << "ten watching handles need one thread, not ten";
+
+  auto monitor = monitorOverTheRealSource();
+  requests = TavloNetlinkSocket::TEST_requestCount();
+  for (int i = 0; i < 1000; ++i) {
+    for (const auto& handle : asked) ASSERT_EQ(0u, handle->currentFlags().value_or(R));
+    ASSERT_FALSE(monitor->isReachable());
+  }
+  EXPECT_EQ(requests, TavloNetlinkSocket::TEST_requestCount()) << "queries asked the kernel while it was watched";
+}
+
 TEST(TavloNetlinkReachabilityInFreshNamespace, DISABLED_DefaultRouteComesAndGoes) {
   if (std::getenv(kChildMarker) == nullptr) GTEST_SKIP() << "runs only in the namespace its parent case makes";
   const int created = createVethPair("tavlo0", "tavlo1");
@@ -249,9 +291,57 @@ TEST(TavloNetlinkReachabilityInFreshNamespace, DISABLED_DefaultRouteComesAndGoes
   monitor->setUnreachableBlock([&](const std::shared_ptr<TavloReachability>&) { log.recorder()(0); });
   ASSERT_TRUE(monitor->startNotifier());
 
+  // Beside the monitor, handles of another source instance, all served by one watcher.
+  TavloNetlinkReachabilitySource other;
+  std::array<FlagsLog, 4> logs;
+  std::vector<std::shared_ptr<TavloReachabilityHandle>> handles;
+  for (size_t i = 0; i < logs.size(); ++i) {
+    handles.push_back(i % 2 == 0 ? handleFor(other, "0.0.0.0") : other.handleForHostName("tv.example"));
+    ASSERT_TRUE(handles.back()->startWatching(logs[i].recorder()));
+  }
+  FlagsLog loopbackLog;  // lo stays up: 127.0.0.1 never changes, so it is never called
+  ASSERT_TRUE(setLinkUp("lo", true));
+  auto loopback = handleFor(other, "127.0.0.1");
+  ASSERT_TRUE(loopback->startWatching(loopbackLog.recorder()));
+  FlagsLog selfLog;
+  auto selfStopping = handleFor(other, "0.0.0.0");
+  ASSERT_TRUE(selfStopping->startWatching([&](uint32_t flags) {
+    selfLog.recorder()(flags);
+    selfStopping->stopWatching();  // must not wait for this very call
+  }));
+  // One stopped from another thread while its call runs: the stop waits for that call.
+  std::mutex gate;
+  std::condition_variable turned;
+  bool entered = false, stopping = false;
+  std::atomic<int> blockedCalls{0};
+  std::atomic<bool> blockedCallEnded{false};
+  auto blocked = handleFor(other, "0.0.0.0");
+  ASSERT_TRUE(blocked->startWatching([&](uint32_t) {
+    ++blockedCalls;
+    std::unique_lock<std::mutex> lock(gate);
+    entered = true;
+    turned.notify_all();
+    turned.wait(lock, [&] { return stopping; });
+    blockedCallEnded = true;
+  }));
+
   ASSERT_TRUE(setLinkUp("tavlo0", true));
   ASSERT_TRUE(setLinkUp("tavlo1", true));
   ASSERT_EQ(0, addDefaultRoute("tavlo0"));
+  {
+    std::unique_lock<std::mutex> lock(gate);
+    ASSERT_TRUE(turned.wait_for(lock, std::chrono::seconds(20), [&] { return entered; })) << "no call for the route";
+  }
+  std::thread stopper([&] {
+    {
+      std::lock_guard<std::mutex> lock(gate);
+      stopping = true;
+    }
+    turned.notify_all();
+    blocked->stopWatching();
+    EXPECT_TRUE(blockedCallEnded) << "stopWatching returned while its handle's call was still running";
+  });
+  stopper.join();
   EXPECT_TRUE(log.waitForLatest(R)) << "a default route through a running link is the internet";
   EXPECT_EQ("WiFi", monitor->currentReachabilityString());
 
@@ -264,6 +354,13 @@ TEST(TavloNetlinkReachabilityInFreshNamespace, DISABLED_DefaultRouteComesAndGoes
   EXPECT_TRUE(log.waitForLatest(0)) << "the silently dropped route was not noticed";
   ASSERT_TRUE(setLinkUp("tavlo0", true));
   EXPECT_EQ(0u, monitor->reachabilityFlags()) << "the route is gone for good once its link went down";
+  for (size_t i = 0; i < logs.size(); ++i) {
+    EXPECT_TRUE(logs[i].waitForLatest(0)) << "handle " << i;
+    EXPECT_EQ((std::vector<uint32_t>{R, 0, R, 0}), logs[i].all()) << "handle " << i << " missed or repeated a change";
+  }
+  EXPECT_EQ(std::vector<uint32_t>{R}, selfLog.all()) << "a call after the handle stopped itself";
+  EXPECT_EQ(1, blockedCalls) << "a call after stopWatching returned";
+  EXPECT_EQ(std::vector<uint32_t>{}, loopbackLog.all()) << "called without a change of its own target";
   monitor->stopNotifier();
   // Notifications still waiting on the queue must not keep a stopped monitor alive.
   EXPECT_GT(queue->pendingCount(), 0u);
