@@ -139,11 +139,13 @@ double curlLoopCpuPerHit(const std::vector<std::string>& urls) {
 
 constexpr int kHits = 500;
 
+// state.range(0): 1 with the queue file, 0 in memory only (what durability costs).
 void BM_SendLoopCpuPerAudienceHit(benchmark::State& state) {
   std::vector<double> library, floor;
   for (auto _ : state) {
     Collector collector;
     TavloTestPlatform test = sendingPlatform(collector);
+    if (state.range(0) == 0) test.platform.files = std::make_shared<TavloPosixFileSystem>("");
     auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
     agent->TEST_waitUntilIdle();
     auto tagger = TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, "S1", std::nullopt);
@@ -157,7 +159,7 @@ void BM_SendLoopCpuPerAudienceHit(benchmark::State& state) {
   }
   report(state, "cpu_us_per_hit", percentile(library, 0.5) * 1e6, percentile(floor, 0.5) * 1e6);
 }
-BENCHMARK(BM_SendLoopCpuPerAudienceHit)->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SendLoopCpuPerAudienceHit)->Arg(1)->Arg(0)->Iterations(3)->Unit(benchmark::kMillisecond);
 
 void BM_SendLoopCpuPerStreamingHitFromTheQueueFile(benchmark::State& state) {
   std::vector<double> library, floor;

@@ -7,6 +7,7 @@
 #include <future>
 
 #include "agent/TavloQueueLocation.h"
+#include "agent/TavloSentJournal.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 #include "request/TavloClearCache.h"
@@ -180,28 +181,55 @@ void TavloAgent::loadRequests() {
   platform_.files->removeLeftoverTemporaries(*path);
 
   std::deque<std::shared_ptr<TavloRequest>> loaded;
+  std::vector<const TavloRequest*> fileOrder;  // what the file holds, by position
+  std::vector<bool> sent;                      // by position: listed in the sent journal
   std::string data;
+  const std::string journalPath = TavloSentJournal::pathFor(*path);
   error = platform_.files->readFile(*path, data, TavloKeyedUnarchiver::maxArchiveBytes);
   if (error && error != std::errc::no_such_file_or_directory) {
-    TavloLogger::log("Could not read the request queue file " + *path + " (" + error.message() +
+    TavloLogger::log("Could not read the request queue file " + TavloLogSafe(*path) + " (" + error.message() +
                          "); starting with an empty queue",
                      TavloLoggingModeWarning);
   } else if (!error) {
     std::string why;
     const auto decoded = TavloKeyedUnarchiver::unarchivedArrayWithData(data, TavloRecordClasses(), &why);
     if (!decoded) {
-      TavloLogger::log("The request queue file " + *path + " is damaged (" + TavloLogSafe(why) +
+      TavloLogger::log("The request queue file " + TavloLogSafe(*path) + " is damaged (" + TavloLogSafe(why) +
                            "); starting with an empty queue, the file is replaced at the next save",
                        TavloLoggingModeWarning);
     } else {
-      for (const auto& object : *decoded) {
-        auto request = std::dynamic_pointer_cast<TavloRequest>(object);
-        // Audience hits do not survive a restart, and neither does an old marker (its type reads 0).
-        if (request && request->requestType() != TavloRequestTypeAudience) loaded.push_back(std::move(request));
+      // Positions in the journal count every element of the file: when some could not be
+      // read, they no longer line up, and the journal is not used.
+      std::string journal;
+      if (why.empty() && !platform_.files->readFile(journalPath, journal, 4 * (decoded->size() + 8))) {
+        sent.assign(decoded->size(), false);
+        for (const uint32_t position :
+             TavloSentJournal::sentPositions(journal, TavloSentJournal::fingerprint(data), decoded->size())) {
+          sent[position] = true;
+        }
+      }
+      for (size_t position = 0; position < decoded->size(); ++position) {
+        auto request = std::dynamic_pointer_cast<TavloRequest>((*decoded)[position]);
+        const bool kept = request && request->requestType() != TavloRequestTypeAudience &&
+                          !(position < sent.size() && sent[position]);
+        // Audience hits do not survive a restart, and neither does an old marker (its type
+        // reads 0); hits the journal says were sent are not sent again.
+        fileOrder.push_back(kept ? request.get() : nullptr);
+        if (kept) loaded.push_back(std::move(request));
       }
       // Loading keeps everything the file holds: the 500 cap applies when a request is added.
       if (!loaded.empty()) loaded.push_back(TavloClearCache::make());
     }
+  }
+  {
+    // The file and its journal stay as they are until the queue next changes: the
+    // positions of this file are what later removals are journaled against.
+    std::lock_guard writer(fileWriter);
+    savedFingerprint_ = TavloSentJournal::fingerprint(data);
+    journaled_ = sent.empty() ? std::vector<bool>(fileOrder.size(), false) : sent;
+    savedOrder_ = std::move(fileOrder);
+    journalMayExist_ = !sent.empty();
+    if (sent.empty()) platform_.files->removeFile(journalPath);  // another file's, or none
   }
   std::lock_guard guard(requestsProtector);
   fileLock_ = std::move(lock);
@@ -220,13 +248,20 @@ void TavloAgent::saveRequests() {
 
 void TavloAgent::persist() {
   std::lock_guard writer(fileWriter);
+  persistLocked();
+}
+
+void TavloAgent::persistLocked() {
   std::vector<std::shared_ptr<TavloCodable>> objects;
+  std::vector<const TavloRequest*> order;
   uint64_t changeCount = 0;
   std::string path;
   {
     std::lock_guard lock(requestsProtector);
     if (queuePath_.empty() || changeCount_ == savedChangeCount_) return;
+    attemptedChangeCount_ = changeCount_;
     objects.assign(requestQueue.begin(), requestQueue.end());
+    for (const auto& request : requestQueue) order.push_back(request.get());
     changeCount = changeCount_;
     path = queuePath_;
   }
@@ -243,7 +278,7 @@ void TavloAgent::persist() {
   if (error) {
     if (!saveFailureLogged_) {
       saveFailureLogged_ = true;
-      TavloLogger::log("Could not save the request queue to " + path + " (" + error.message() +
+      TavloLogger::log("Could not save the request queue to " + TavloLogSafe(path) + " (" + error.message() +
                            "); requests are kept in memory and saving is tried again at every change",
                        TavloLoggingModeError);
     }
@@ -251,6 +286,39 @@ void TavloAgent::persist() {
   }
   saveFailureLogged_ = false;
   savedChangeCount_ = changeCount;
+  savedOrder_ = std::move(order);
+  journaled_.assign(savedOrder_.size(), false);
+  savedFingerprint_ = TavloSentJournal::fingerprint(bytes);
+  // The file now says everything the journal said: a journal left behind by a crash
+  // right here is another file's, and ignored.
+  if (journalMayExist_) {
+    platform_.files->removeFile(TavloSentJournal::pathFor(path));
+    journalMayExist_ = false;
+  }
+}
+
+void TavloAgent::journalRemoval(const TavloRequest* removed) {
+  std::lock_guard writer(fileWriter);
+  std::string path;
+  {
+    std::lock_guard lock(requestsProtector);
+    path = queuePath_;
+  }
+  if (path.empty()) return;
+  const auto found = std::find(savedOrder_.begin(), savedOrder_.end(), removed);
+  if (found == savedOrder_.end()) return;  // never written: there is nothing to take back
+  const auto position = static_cast<size_t>(found - savedOrder_.begin());
+  if (journaled_[position]) return;
+  const bool fresh = !journalMayExist_;
+  journalMayExist_ = true;
+  const std::string bytes =
+      (fresh ? TavloSentJournal::header(savedFingerprint_) : std::string()) + TavloSentJournal::entry(position);
+  if (platform_.files->appendToFile(TavloSentJournal::pathFor(path), bytes, 0600)) {
+    // The journal may now be torn: the whole file, written afresh, replaces it.
+    persistLocked();
+    return;
+  }
+  journaled_[position] = true;
 }
 
 void TavloAgent::logCount() {
@@ -398,14 +466,23 @@ bool TavloAgent::headIsSendable() {
 }
 
 void TavloAgent::handleRequests() {
+  std::shared_ptr<TavloRequest> removed;  // the last request this loop took off the queue
   for (;;) {
     // A removal is on disk before the next request goes out: a crash now resends nothing
     // that was answered.
-    persist();
+    if (removed) journalRemoval(removed.get());
+    removed.reset();
     std::shared_ptr<TavloRequest> request;
     {
       std::unique_lock lock(requestsProtector);
       while (!stopping_ && !headIsSendable()) {
+        if (fileBehind()) {
+          // Going idle ends a burst of removals: the file itself catches up (once per change).
+          lock.unlock();
+          persist();
+          lock.lock();
+          continue;
+        }
         loopWaiting_ = true;
         signalsSeen_ = signalsSent_;
         requestsCondition.notify_all();  // wakes TEST_waitUntilIdle
@@ -416,13 +493,10 @@ void TavloAgent::handleRequests() {
 
       TavloLogger::log("Request to handle !", TavloLoggingModeInfo);
       request = requestQueue.front();
-      if (request->isClearCacheMarker()) {
-        authManager_->clearCache();
+      if (request->isClearCacheMarker() || !isTheRequestValid(*request)) {
+        if (request->isClearCacheMarker()) authManager_->clearCache();
         removeRequestFromQueue(request);
-        continue;
-      }
-      if (!isTheRequestValid(*request)) {
-        removeRequestFromQueue(request);
+        removed = request;
         continue;
       }
     }
@@ -436,9 +510,10 @@ void TavloAgent::handleRequests() {
     {
       std::lock_guard lock(requestsProtector);
       sendStop = finishAttempt(request, error);
+      if (std::find(requestQueue.begin(), requestQueue.end(), request) == requestQueue.end()) removed = request;
     }
     if (sendStop) {
-      persist();
+      journalRemoval(request.get());
       request->setCreationDate(platform_.clock->now());
       request->transformToStop();
       handleRequest(request);  // its outcome does not matter: the request is not queued again
@@ -507,8 +582,20 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
     return std::nullopt;
   };
   if (!url) return invalidParameters();
-  const TavloHttpResponse response =
-      platform_.httpClient->get(TavloHttpRequest{*url, {{"User-Agent", userAgent()}}, kSendTimeout});
+  TavloHttpResponse response;
+  try {
+    response = platform_.httpClient->get(TavloHttpRequest{*url, {{"User-Agent", userAgent()}}, kSendTimeout});
+  } catch (const std::exception& failure) {
+    // An HTTP client of the application's that throws must not end the send loop: the
+    // attempt counts as one that got no answer.
+    TavloLogger::log(std::string("The HTTP client threw (") + TavloLogSafe(failure.what()) +
+                         "); the request is kept and tried again",
+                     TavloLoggingModeError);
+    response = TavloHttpResponse{};
+  } catch (...) {
+    TavloLogger::log("The HTTP client threw; the request is kept and tried again", TavloLoggingModeError);
+    response = TavloHttpResponse{};
+  }
   // A request the client cannot even form would fail the same way for ever: it goes,
   // instead of holding every hit behind it.
   if (response.requestInvalid) return invalidParameters();

@@ -11,6 +11,7 @@
 #include <string>
 #include <system_error>
 #include <unordered_map>
+#include <vector>
 
 #include "agent/TavloDefaultParameters.h"
 #include "agent/TavloSerialQueue.h"
@@ -66,9 +67,11 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 ///
 /// The queue holds at most 500 requests after an insertion (the oldest goes first) and is
 /// written to "<data directory>/<application>/TavloCache/requests.ser" atomically after
-/// every change: a burst of enqueues is written once, at the end of the burst; a removal
-/// by the send loop is on disk before the next request goes out, so a process killed in
-/// the middle of a drain sends again at most the one request that was in flight.
+/// every burst of changes: a burst of enqueues is written once, at its end; the removals
+/// of a drain when the send loop goes idle. Each removal by the send loop is on disk
+/// before the next request goes out, as a few bytes in the sent journal beside the file
+/// (see TavloSentJournal), so a process killed in the middle of a drain sends again at
+/// most the one request that was in flight, without a rewrite of the file per hit.
 /// `shutdown` writes whatever was handed over before it was called.
 /// At start, audience requests in the file are dropped and streaming ones kept, followed by
 /// a clear-cache marker; temporaries left by a process killed during a save are removed.
@@ -194,6 +197,14 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// Writes the queue if it changed since the last write; returns once it is on disk.
   /// REQUIRES: no lock of the agent held.
   void persist();
+  void persistLocked();  // REQUIRES: fileWriter held, requestsProtector not
+  /// Makes the removal of `removed` durable before the next request goes out: a few
+  /// bytes in the sent journal, or the whole file when the journal cannot be written.
+  /// REQUIRES: no lock of the agent held.
+  void journalRemoval(const TavloRequest* removed);
+  /// Whether the queue changed since the file was last written (or tried).
+  /// REQUIRES: requestsProtector held.
+  bool fileBehind() const { return !queuePath_.empty() && changeCount_ != attemptedChangeCount_; }
   void removeRequestFromQueue(const std::shared_ptr<TavloRequest>& r);  // REQUIRES: requestsProtector held
   bool headIsSendable();                                                 // REQUIRES: requestsProtector held
   void handleRequests();
@@ -240,8 +251,15 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   uint64_t droppedSinceLastTake_ = 0;   // guarded by inboxProtector
 
   std::mutex fileWriter;
-  uint64_t savedChangeCount_ = 0;  // guarded by fileWriter
+  uint64_t savedChangeCount_ = 0;   // guarded by fileWriter
   bool saveFailureLogged_ = false;  // guarded by fileWriter
+  /// The requests of the file as last written, by position (identity only, never
+  /// dereferenced: an address found here belongs to that request or to one made after it
+  /// left the queue, whose removal from the file is then right anyway).
+  std::vector<const TavloRequest*> savedOrder_;  // guarded by fileWriter
+  std::vector<bool> journaled_;                  // guarded by fileWriter; by position
+  uint64_t savedFingerprint_ = 0;                // guarded by fileWriter
+  bool journalMayExist_ = false;                 // guarded by fileWriter
 
   std::mutex requestsProtector;
   std::condition_variable requestsCondition;             // signalled under requestsProtector
@@ -253,6 +271,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::unique_ptr<TavloFileSystem::Lock> fileLock_;       // guarded by requestsProtector
   std::string queuePath_;                                 // guarded by requestsProtector; empty: memory only
   uint64_t changeCount_ = 0;                              // guarded by requestsProtector
+  uint64_t attemptedChangeCount_ = 0;                     // guarded by requestsProtector
 
   std::mutex queueLengthProtector;
   std::condition_variable queueLengthChanged;  // signalled under queueLengthProtector

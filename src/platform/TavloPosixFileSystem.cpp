@@ -211,6 +211,20 @@ std::error_code TavloPosixFileSystem::writeFileAtomically(const std::string& pat
   return syncFolder(parentOf(path));
 }
 
+std::error_code TavloPosixFileSystem::appendToFile(const std::string& path, std::string_view contents, unsigned mode) {
+  Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY,
+                         static_cast<mode_t>(mode & 07777)));
+  if (!file.isOpen()) return lastError();
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) return lastError();
+  if (!S_ISREG(status.st_mode)) return errorOf(std::errc::invalid_argument);
+  const bool fresh = status.st_size == 0;
+  if (auto error = writeAll(file.get(), contents)) return error;
+  if (::fdatasync(file.get()) != 0) return lastError();
+  if (auto error = file.close()) return error;
+  return fresh ? syncFolder(parentOf(path)) : std::error_code();
+}
+
 std::error_code TavloPosixFileSystem::removeFile(const std::string& path) {
   if (::unlink(path.c_str()) != 0) return lastError();
   return {};

@@ -34,6 +34,10 @@ class TavloPosixFileSystem : public TavloFileSystem {
   /// On failure the temporary file is removed and `path` is left as it was.
   std::error_code writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode) override;
 
+  /// O_APPEND, then fdatasync; a file this call creates also has its folder flushed. A
+  /// symbolic link at `path` is refused.
+  std::error_code appendToFile(const std::string& path, std::string_view contents, unsigned mode) override;
+
   std::error_code removeFile(const std::string& path) override;
   /// Removes the ".<name>.tmp-<pid>-<n>" files next to `path`.
   void removeLeftoverTemporaries(const std::string& path) override;

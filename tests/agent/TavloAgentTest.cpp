@@ -5,6 +5,7 @@
 #include <future>
 #include <thread>
 
+#include "agent/TavloSentJournal.h"
 #include "request/TavloClearCache.h"
 #include "request/TavloKeyedArchiver.h"
 #include "request/TavloKeyedUnarchiver.h"
@@ -74,6 +75,24 @@ TEST_F(TavloAgentTest, NoAnswerKeepsTheHeadUntilAWakeUpSixtySecondsLater) {
   agent->applicationWillEnterForeground();
   settle();
   EXPECT_TRUE(agent->TEST_queue().empty());
+}
+
+TEST_F(TavloAgentTest, AThrowingHttpClientCountsAsNoAnswerAndTheLoopGoesOn) {
+  bool thrown = false;
+  test.http->setHandler([&](const TavloHttpRequest& request) {
+    if (request.url.find("/m/web/") != std::string::npos && !std::exchange(thrown, true)) {
+      throw std::runtime_error("socket\ngone");
+    }
+    return TavloScriptedHttpClient::answer(200, authAnswer);
+  });
+  agent->addRequestToQueue(audienceRequest("first"));
+  settle();
+  EXPECT_TRUE(test.logSink->contains("(ERROR) : The HTTP client threw (socket\\ngone); the request is kept"));
+  EXPECT_EQ(1u, agent->TEST_queue().size());
+  test.clock->advance(60);
+  agent->applicationWillEnterForeground();
+  settle();
+  EXPECT_TRUE(agent->TEST_queue().empty()) << "the send loop survived the throw";
 }
 
 TEST_F(TavloAgentTest, AnyStatusButTwoHundredDropsTheRequestWithoutAFailure) {
@@ -262,27 +281,65 @@ TEST_F(TavloAgentFileTest, ShutdownKeepsInTheFileEveryHitHandedOverBeforeIt) {
   }
 }
 
-TEST_F(TavloAgentFileTest, EveryRemovalIsOnDiskBeforeTheNextRequestGoesOut) {
+TEST_F(TavloAgentFileTest, AProcessKilledAtAnySendResendsOnlyTheRequestInFlight) {
   goOffline();
   for (int i = 0; i < 20; ++i) agent->addRequestToQueue(streamingRequest(std::to_string(i)));
   settle();
-  std::vector<std::string> fileAtEachSend;
+  // At each send, the files as a process killed right then would leave them.
+  int sends = 0;
   test.http->setHandler([&](const TavloHttpRequest& request) {
-    // What a process killed right now would find at its next start.
-    const auto levels = levelsInFile();
     if (request.url.find("/m/web/") == std::string::npos) return TavloScriptedHttpClient::answer(404);
-    fileAtEachSend.push_back(levels.empty() ? "" : levels.front() + " of " + std::to_string(levels.size()));
+    const std::string killed = test.directory->path() + "/killed/" + std::to_string(sends++);
+    std::filesystem::create_directories(killed);
+    std::filesystem::copy(test.directory->path() + "/TestApp", killed + "/TestApp",
+                          std::filesystem::copy_options::recursive);
     return TavloScriptedHttpClient::answer(200);
   });
   test.reachability->setFlags(TavloReachabilityFlagReachable);
   agent->applicationWillEnterForeground();  // wakes the loop without dropping anything
   settle();
-  ASSERT_EQ(20u, fileAtEachSend.size());
+  ASSERT_EQ(20, sends);
+  test.reachability->setFlags(0);
   for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(std::to_string(i) + " of " + std::to_string(20 - i), fileAtEachSend[i])
-        << "only the request in flight may be sent again after a crash";
+    TavloPlatform restarted = test.platform;
+    restarted.files = std::make_shared<TavloPosixFileSystem>(test.directory->path() + "/killed/" + std::to_string(i));
+    auto next = TavloAgent::make(restarted, nullptr, std::make_shared<TavloNotificationCenter>());
+    ASSERT_TRUE(next->TEST_waitForHandOver());
+    const auto levels = levelsOf(next->TEST_queue());
+    next->shutdown();
+    ASSERT_EQ(21u - i, levels.size()) << "killed while sending " << i;
+    EXPECT_EQ(std::to_string(i), levels.front()) << "only the request in flight may be sent again";
   }
-  EXPECT_TRUE(levelsInFile().empty());
+  EXPECT_TRUE(levelsInFile().empty()) << "the file itself catches up once the drain ends";
+}
+
+TEST_F(TavloAgentFileTest, TheSentJournalCountsOnlyForItsOwnFile) {
+  const std::string file = TavloKeyedArchiver::archivedDataWithRootArray(
+      {streamingRequest("s0"), audienceRequest("a1"), streamingRequest("s2"), streamingRequest("s3")});
+  const std::string mine = TavloSentJournal::header(TavloSentJournal::fingerprint(file));
+  struct Case {
+    const char* name;
+    std::string journal;
+    std::vector<std::string> loaded;
+  };
+  const Case cases[] = {
+      {"positions of this file", mine + TavloSentJournal::entry(0) + TavloSentJournal::entry(2),
+       {"s3", "<marker>"}},
+      {"a torn last entry, a repeat and a position past the end", mine + TavloSentJournal::entry(0) +
+           TavloSentJournal::entry(0) + TavloSentJournal::entry(9) + std::string("\x02\x00", 2),
+       {"s2", "s3", "<marker>"}},
+      {"another file's journal (a crash right after a save)",
+       TavloSentJournal::header(TavloSentJournal::fingerprint("older")) + TavloSentJournal::entry(0),
+       {"s0", "s2", "s3", "<marker>"}},
+      {"not a journal", "garbage", {"s0", "s2", "s3", "<marker>"}},
+  };
+  for (const Case& c : cases) {
+    writeQueueBytes(file);
+    std::ofstream(TavloSentJournal::pathFor(queuePath()), std::ios::binary) << c.journal;
+    test.reachability->setFlags(0);
+    startAgent();
+    EXPECT_EQ(c.loaded, levelsOf(agent->TEST_queue())) << c.name;
+  }
 }
 
 TEST_F(TavloAgentFileTest, HitsReachTheQueueAndTheFileWhileAnExchangeIsInFlight) {
