@@ -58,8 +58,9 @@ TavloKeyedArchiver::~TavloKeyedArchiver() = default;
 
 std::string TavloKeyedArchiver::archivedDataWithRootObject(const TavloCodable& root) {
   try {
-    TavloKeyedArchiver archiver;
-    return archiver.finish(archiver.uidForRecord(root));
+    // On the heap: its caches of recent texts are too big for a small thread stack.
+    const auto archiver = std::unique_ptr<TavloKeyedArchiver>(new TavloKeyedArchiver);
+    return archiver->finish(archiver->uidForRecord(root));
   } catch (...) {
     // A record whose encoding throws leaves a half-written archive: no archive is better
     // than a file that silently lacks part of the queue.
@@ -69,11 +70,11 @@ std::string TavloKeyedArchiver::archivedDataWithRootObject(const TavloCodable& r
 
 std::string TavloKeyedArchiver::archivedDataWithRootArray(const std::vector<std::shared_ptr<TavloCodable>>& objects) {
   try {
-    TavloKeyedArchiver archiver;
+    const auto archiver = std::unique_ptr<TavloKeyedArchiver>(new TavloKeyedArchiver);
     // A queue's request makes some 50 objects, a few dozen more if its values are its own.
-    archiver.writer_.reserve(64 + 96 * objects.size());
-    archiver.objects_.reserve(64 + 80 * objects.size());
-    return archiver.finish(archiver.uidForArray(objects));
+    archiver->writer_.reserve(64 + 96 * objects.size());
+    archiver->objects_.reserve(64 + 80 * objects.size());
+    return archiver->finish(archiver->uidForArray(objects));
   } catch (...) {
     return {};
   }
