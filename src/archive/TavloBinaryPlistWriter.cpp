@@ -303,7 +303,7 @@ std::string TavloBinaryPlistWriter::finish(Object top) {
   tableSlots_ = tableEntries_ = 0;
 
   // Number the objects in pre-order, each at its first visit, as libplist does.
-  std::vector<uint32_t> order(nodes_.size(), kUnplaced);
+  std::vector<uint32_t> order(nodes_.size(), kUnplaced);  // each node's number in the file
   std::vector<Object> sequence;
   sequence.reserve(nodes_.size());
   struct Frame {
@@ -311,11 +311,22 @@ std::string TavloBinaryPlistWriter::finish(Object top) {
     uint32_t next;
   };
   std::vector<Frame> path;
+  // The sizes add up on the way: scalars' bytes, containers' markers and counts, and
+  // the references, whose width is known once every object is numbered.
+  uint64_t fixedBytes = kHeaderSize;
+  uint64_t references = 0;
   const auto visit = [&](Object object) {
     if (order[object] != kUnplaced) return;
     order[object] = static_cast<uint32_t>(sequence.size());
     sequence.push_back(object);
-    if (nodes_[object].isContainer()) path.push_back(Frame{object, 0});
+    const Node& node = nodes_[object];
+    if (!node.isContainer()) {
+      fixedBytes += node.size();
+      return;
+    }
+    fixedBytes += countedSize(node.kind() == Kind::Dictionary ? node.size() / 2 : node.size());
+    references += node.size();
+    path.push_back(Frame{object, 0});
   };
   visit(top);
   while (!path.empty()) {
@@ -329,16 +340,7 @@ std::string TavloBinaryPlistWriter::finish(Object top) {
   }
 
   const unsigned refSize = neededBytes(sequence.size());
-  uint64_t objectsEnd = kHeaderSize;
-  for (const Object object : sequence) {
-    const Node& node = nodes_[object];
-    if (!node.isContainer()) {
-      objectsEnd += node.size();
-    } else {
-      const uint64_t count = node.kind() == Kind::Dictionary ? node.size() / 2 : node.size();
-      objectsEnd += countedSize(count) + uint64_t{node.size()} * refSize;
-    }
-  }
+  const uint64_t objectsEnd = fixedBytes + references * refSize;
   const unsigned offsetSize = neededBytes(objectsEnd);
   const uint64_t total = objectsEnd + uint64_t{offsetSize} * sequence.size() + kTrailerSize;
 

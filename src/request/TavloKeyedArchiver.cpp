@@ -219,7 +219,7 @@ uint32_t TavloKeyedArchiver::uidForString(const std::string& value) {
   if (isPlainText(value)) {
     // Equal text is one object of the writer: its UID, once it has one, is found by it.
     const Object text = writer_.string(value);
-    if (text >= stringUIDs_.size()) stringUIDs_.resize(text + 1, kNullUID);
+    if (text >= stringUIDs_.size()) stringUIDs_.resize(std::max<std::size_t>(text + 1, 2 * stringUIDs_.size()), kNullUID);
     if (stringUIDs_[text] == kNullUID) stringUIDs_[text] = appendObject(text);
     remember(recentStrings_, value, stringUIDs_[text]);
     return stringUIDs_[text];
