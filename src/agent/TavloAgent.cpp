@@ -322,6 +322,7 @@ void TavloAgent::journalRemoval(const TavloRequest* removed) {
 }
 
 void TavloAgent::logCount() {
+  if (!TavloLogger::wouldLog(TavloLoggingModeInfo)) return;
   TavloLogger::log("We have now " + std::to_string(requestQueue.size()) + " request(s) to handle",
                    TavloLoggingModeInfo);
 }

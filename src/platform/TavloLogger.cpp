@@ -23,7 +23,7 @@ const char* TavloLogger::levelWord(int64_t mode) {
   }
 }
 
-void TavloLogger::log(const std::string& message, int64_t mode) {
+void TavloLogger::log(std::string_view message, int64_t mode) {
   const auto threshold = static_cast<uint64_t>(sharedLogger().loggingMode());
   if (threshold > static_cast<uint64_t>(mode)) return;
   const std::shared_ptr<TavloLogSink> sink = TavloInstalledLogSink();

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 /// Message levels, which double as values of the threshold.
 enum TavloLoggingMode : int64_t {
@@ -28,8 +29,9 @@ class TavloLogger {
   /// The process-wide logger, made on first use with threshold 2.
   static TavloLogger& sharedLogger();
 
-  /// Prints or drops `message` at level `mode`.
-  static void log(const std::string& message, int64_t mode);
+  /// Prints or drops `message` at level `mode`. A fixed text costs no allocation when the
+  /// line is dropped; a built one should be built only when `wouldLog(mode)`.
+  static void log(std::string_view message, int64_t mode);
 
   /// Whether a message at level `mode` would be written now. Lets a caller skip building
   /// a costly text (a request's description) that the threshold would drop anyway.
