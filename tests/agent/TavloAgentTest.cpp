@@ -289,10 +289,13 @@ TEST_F(TavloAgentFileTest, AProcessKilledAtAnySendResendsOnlyTheRequestInFlight)
   int sends = 0;
   test.http->setHandler([&](const TavloHttpRequest& request) {
     if (request.url.find("/m/web/") == std::string::npos) return TavloScriptedHttpClient::answer(404);
-    const std::string killed = test.directory->path() + "/killed/" + std::to_string(sends++);
+    const std::string killed = test.directory->path() + "/killed/" + std::to_string(sends++) + "/TestApp/TavloCache/";
     std::filesystem::create_directories(killed);
-    std::filesystem::copy(test.directory->path() + "/TestApp", killed + "/TestApp",
-                          std::filesystem::copy_options::recursive);
+    // The journal before the file: a save in between then shows as a journal of another
+    // file, as a kill at that moment would leave it, never as a file missing its journal.
+    std::error_code ignored;
+    std::filesystem::copy(TavloSentJournal::pathFor(queuePath()), killed + "requests.ser.sent", ignored);
+    std::filesystem::copy(queuePath(), killed + "requests.ser", ignored);
     return TavloScriptedHttpClient::answer(200);
   });
   test.reachability->setFlags(TavloReachabilityFlagReachable);
