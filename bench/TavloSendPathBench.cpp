@@ -15,6 +15,7 @@
 #include <dirent.h>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -301,8 +302,17 @@ void BM_ThreadsAndWakeUpsWhilePlaying(benchmark::State& state) {
     state.counters["threads_1_playing"] = static_cast<double>(libraryThreadCount());
     agent->waitUntilQueueEmpty(30);  // the hits of the ten, and the play of this one, are out
     const ThreadInfo before = libraryThreads();
+    const auto perThreadBefore = threads();
     std::this_thread::sleep_for(std::chrono::seconds(window));  // the figure is real time itself
     const ThreadInfo after = libraryThreads();
+    // Which of the library's threads woke, per second.
+    std::map<std::string, double> perThread;
+    for (const auto& now : threads()) {
+      for (const auto& then : perThreadBefore) {
+        if (now.name == then.name && now.name.rfind("Tavlo", 0) == 0) perThread[now.name] = now.switches - then.switches;
+      }
+    }
+    for (const auto& [name, switches] : perThread) state.counters["wakeups_per_s_" + name] = switches / window;
     report(state, "wakeups_per_s", static_cast<double>(after.switches - before.switches) / window, 1.0);
     one.front()->notifyEvent(TavloStreamingEventStop, 0);
     agent->shutdown();

@@ -470,8 +470,21 @@ void TavloAgent::handleRequests() {
   std::shared_ptr<TavloRequest> removed;  // the last request this loop took off the queue
   for (;;) {
     // A removal is on disk before the next request goes out: a crash now resends nothing
-    // that was answered.
-    if (removed) journalRemoval(removed.get());
+    // that was answered. While more are waiting, a few bytes in the journal say so; at the
+    // end of a drain the file itself is written at once, which the journal would only
+    // have delayed.
+    if (removed) {
+      bool drainGoesOn = false;
+      {
+        std::lock_guard lock(requestsProtector);
+        drainGoesOn = !stopping_ && headIsSendable();
+      }
+      if (drainGoesOn) {
+        journalRemoval(removed.get());
+      } else {
+        persist();
+      }
+    }
     removed.reset();
     std::shared_ptr<TavloRequest> request;
     {
