@@ -195,20 +195,30 @@ std::size_t recentSlot(const std::string& text) {
   uint64_t tail = 0;
   std::memcpy(&head, text.data(), n);
   std::memcpy(&tail, text.data() + text.size() - n, n);
-  const uint64_t h = (head * 0x9E3779B97F4A7C15ULL) ^ (tail + text.size()) * 0xC2B2AE3D27D4EB4FULL;
-  return static_cast<std::size_t>((h ^ (h >> 29)) >> 55);  // 512 slots
+  uint64_t h = head ^ (tail << 29 | tail >> 35) ^ text.size();
+  h ^= h >> 33;  // MurmurHash3's finaliser: texts that differ in one byte land apart
+  h *= 0xFF51AFD7ED558CCDULL;
+  h ^= h >> 33;
+  h *= 0xC4CEB9FE1A85EC53ULL;
+  return static_cast<std::size_t>(h >> 55) * 2;  // the first of two slots, among 1024
 }
 }  // namespace
 
 const TavloKeyedArchiver::RecentText* TavloKeyedArchiver::recall(const RecentTexts& texts, const std::string& text) {
   if (text.empty() || text.size() > sizeof(RecentText::text)) return nullptr;
-  const RecentText& recent = texts[recentSlot(text)];
-  return recent.size == text.size() && std::memcmp(recent.text, text.data(), text.size()) == 0 ? &recent : nullptr;
+  const std::size_t slot = recentSlot(text);
+  for (const RecentText* recent : {&texts[slot], &texts[slot + 1]}) {
+    if (recent->size == text.size() && std::memcmp(recent->text, text.data(), text.size()) == 0) return recent;
+  }
+  return nullptr;
 }
 
+// The newest text takes the first slot, and the one there moves to the second.
 void TavloKeyedArchiver::remember(RecentTexts& texts, const std::string& text, uint32_t object) {
   if (text.empty() || text.size() > sizeof(RecentText::text)) return;
-  RecentText& recent = texts[recentSlot(text)];
+  const std::size_t slot = recentSlot(text);
+  texts[slot + 1] = texts[slot];
+  RecentText& recent = texts[slot];
   recent.object = object;
   recent.size = static_cast<uint8_t>(text.size());
   std::memcpy(recent.text, text.data(), text.size());

@@ -81,14 +81,15 @@ class TavloKeyedArchiver {
   Object keyFor(const std::string& key);
   void setInCurrent(Object key, Object value);
 
-  // Short texts seen last, by a cheap hash: a queue repeats its keys and many of its
-  // values in every request, and a hit here skips the checks and the writer's hash set.
+  // Short texts seen last, two per hash of the text: a queue repeats its keys and many
+  // of its values in every request, and a hit here skips the checks and the writer's
+  // hash set.
   struct RecentText {
     uint32_t object = 0;  // UID of a string, or the writer's object of a key
     uint8_t size = 0;
     char text[27];
   };
-  using RecentTexts = std::array<RecentText, 512>;
+  using RecentTexts = std::array<RecentText, 1024>;
   static const RecentText* recall(const RecentTexts& texts, const std::string& text);
   static void remember(RecentTexts& texts, const std::string& text, uint32_t object);
 
