@@ -6,6 +6,10 @@
 #include <cmath>
 #include <future>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include "agent/TavloQueueLocation.h"
 #include "agent/TavloSentJournal.h"
 #include "platform/TavloInstalledPlatform.h"
@@ -403,6 +407,12 @@ void TavloAgent::takeHandOver() {
       TavloLogger::log(std::to_string(dropped) +
                            " hit(s) came faster than the queue could take them and were dropped, oldest first",
                        TavloLoggingModeWarning);
+#ifdef __GLIBC__
+      // Hits dropped here were made on the callers' threads, so under a flood freed pages
+      // pile up in glibc's per-thread arenas, one per calling thread: hand them back as
+      // the flood goes, or the peak grows with the number of callers.
+      malloc_trim(0);
+#endif
     }
     std::lock_guard lock(requestsProtector);
     for (const HandOver& item : taken) {
