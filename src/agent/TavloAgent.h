@@ -62,8 +62,10 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 /// all that arrived since its last turn at once. A caller that hands over faster than the
 /// queue can take them never makes memory grow: past `maximumHandOverBacklog` waiting
 /// requests the oldest waiting one is dropped (the 500-request cap would drop it anyway)
-/// and counted. A request whose parameters are larger than `maximumHitBytes` can never be
-/// sent and is refused on the caller's thread with an ERROR line.
+/// and counted; while it drops hits, the handler hands freed memory back to the system
+/// (malloc_trim, on glibc), since those hits were freed in the callers' own arenas. A
+/// request whose parameters are larger than `maximumHitBytes` can never be sent and is
+/// refused on the caller's thread with an ERROR line.
 ///
 /// The queue holds at most 500 requests after an insertion (the oldest goes first) and is
 /// written to "<data directory>/<application>/TavloCache/requests.ser" atomically after
