@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "agent/TavloQueueLocation.h"
+#include "agent/TavloSentJournal.h"
 #include "TavloQueueReport.h"
 #include "platform/TavloPosixFileSystem.h"
 #include "tavlo/TavloVersion.h"
@@ -64,10 +65,29 @@ void reportProblems(const std::string& file, const TavloQueueReport& report) {
   }
 }
 
+// Hits sent since the file was last written stay in it until the next rewrite; the
+// journal beside it names them, and the next start drops them.
+void reportSentJournal(const std::string& file, const TavloQueueReport& report) {
+  TavloPosixFileSystem files;
+  std::string bytes, journal;
+  if (files.readFile(TavloSentJournal::pathFor(file), journal, 64 * 1024 * 1024) ||
+      files.readFile(file, bytes, 64 * 1024 * 1024)) {
+    return;
+  }
+  const std::vector<uint32_t> sent =
+      TavloSentJournal::sentPositions(journal, TavloSentJournal::fingerprint(bytes), report.elements().size());
+  if (sent.empty()) return;
+  std::string positions;
+  for (const uint32_t position : sent) positions += (positions.empty() ? "#" : ", #") + std::to_string(position);
+  std::printf("already sent, as %s says (the next start drops them): %s\n",
+              TavloSentJournal::pathFor(file).c_str(), positions.c_str());
+}
+
 int list(const std::string& file, bool asJson) {
   const TavloQueueReport report = TavloQueueReport::fromFile(file);
   const std::string output = asJson ? report.json(file) : report.text(file);
   std::fwrite(output.data(), 1, output.size(), stdout);
+  if (!asJson) reportSentJournal(file, report);
   reportProblems(file, report);
   return finish(report.isValid() ? kExitOK : kExitDamaged);
 }

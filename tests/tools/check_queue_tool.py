@@ -11,6 +11,13 @@ import tempfile
 failures = []
 
 
+def fnv1a64(data):
+    value = 14695981039346656037
+    for byte in data:
+        value = ((value ^ byte) * 1099511628211) % (1 << 64)
+    return value
+
+
 def check(condition, message):
     if not condition:
         failures.append(message)
@@ -42,6 +49,17 @@ def check_sound_file(tool, path):
                      "mode restricted (1), host \"https://c.example/m/web/serial-9\"", "cmsVI \"31337\"",
                      "partial id audience (9223372036854775807)", "\"ml1\" = \"caf\u00e9\"", "fails           -2"):
         check(expected in text, "the listing lacks %r:\n%s" % (expected, text))
+
+    # A journal of this very file names hits already sent; one of another file is ignored.
+    with open(path, "rb") as queue:
+        fingerprint = fnv1a64(queue.read())
+    for journal_fingerprint, expected in ((fingerprint, True), (fingerprint ^ 1, False)):
+        with open(path + ".sent", "wb") as journal:
+            journal.write(b"TvloSnt1" + journal_fingerprint.to_bytes(8, "little") + (1).to_bytes(4, "little"))
+        said = "already sent" in run(tool, "list", path).stdout.decode("utf-8")
+        check(said == expected, "a journal of %s file %s" % ("this" if expected else "another",
+                                                             "is not shown" if expected else "is shown"))
+    os.remove(path + ".sent")
 
     report = parse_json(run(tool, "list", "--json", path), "sound file")
     if report is None:
