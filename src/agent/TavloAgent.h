@@ -58,8 +58,8 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 ///    the head for a retry; a refusal, a request the HTTP client cannot form, or any other
 ///    status removes it.
 ///
-/// Hand-over: requests wait in a bounded inbox until "TavloRequestHandler" takes them,
-/// all that arrived since its last turn at once. A caller that hands over faster than the
+/// Hand-over: requests wait in a bounded inbox until "TavloRequestHandler" takes them, in
+/// the order they came, a few at a time; the file is written once the inbox is empty. A caller that hands over faster than the
 /// queue can take them never makes memory grow: past `maximumHandOverBacklog` waiting
 /// requests the oldest waiting one is dropped (the 500-request cap would drop it anyway)
 /// and counted; while it drops hits, the handler hands freed memory back to the system
