@@ -11,7 +11,6 @@ namespace {
 
 constexpr int64_t kArchiveVersion = 100000;
 constexpr uint32_t kNullUID = 0;
-const char kReplacementCharacter[] = "\xEF\xBF\xBD";  // U+FFFD
 const std::vector<std::string> kDateClasses = {"NSDate", "NSObject"};
 const std::vector<std::string> kArrayClasses = {"NSMutableArray", "NSArray", "NSObject"};
 const std::vector<std::string> kDictionaryClasses = {"NSDictionary", "NSObject"};
@@ -32,22 +31,6 @@ bool isPlainText(std::string_view text) {
     }
   }
   return true;
-}
-
-// Other readers of the format decode strings strictly, and libplist, which wrote these
-// files before, cut them at a NUL. Replacing each bad byte with U+FFFD keeps the rest.
-std::string plistText(std::string_view text) {
-  std::string repaired;
-  for (std::size_t position = 0; position < text.size();) {
-    const std::size_t start = position;
-    const std::optional<char32_t> c = TavloNextCodePoint(text, position);
-    if (c && *c != 0) {
-      repaired.append(text, start, position - start);
-    } else {
-      for (std::size_t i = start; i < position; ++i) repaired += kReplacementCharacter;
-    }
-  }
-  return repaired;
 }
 
 }  // namespace
@@ -236,7 +219,7 @@ uint32_t TavloKeyedArchiver::uidForString(const std::string& value) {
   }
   // Uniqued by the text as given: two different damaged strings stay two objects.
   if (const auto known = repairedStringUIDs_.find(value); known != repairedStringUIDs_.end()) return known->second;
-  const uint32_t uid = appendObject(writer_.string(plistText(value)));
+  const uint32_t uid = appendObject(writer_.string(TavloReplacingInvalidUTF8(value)));
   repairedStringUIDs_.emplace(value, uid);
   return uid;
 }
@@ -276,11 +259,11 @@ uint32_t TavloKeyedArchiver::uidForClass(const std::vector<std::string>& chain) 
   if (const auto known = classUIDs_.find(classes.front()); known != classUIDs_.end()) return known->second;
 
   std::vector<Object> names;
-  for (const std::string& name : classes) names.push_back(writer_.string(plistText(name)));
+  for (const std::string& name : classes) names.push_back(writer_.string(TavloReplacingInvalidUTF8(name)));
   const Object list = writer_.array();
   writer_.setArray(list, names);
   const Entry entries[] = {
-      {writer_.key("$classname"), writer_.string(plistText(classes.front()))},
+      {writer_.key("$classname"), writer_.string(TavloReplacingInvalidUTF8(classes.front()))},
       {writer_.key("$classes"), list},
   };
   const Object description = writer_.dictionary();
@@ -293,9 +276,9 @@ uint32_t TavloKeyedArchiver::uidForClass(const std::vector<std::string>& chain) 
 TavloKeyedArchiver::Object TavloKeyedArchiver::keyFor(const std::string& key) {
   // NSKeyedArchiver reserves keys that begin with "$" for itself ("$class") and escapes a
   // coder's own such keys with one more "$"; the unarchiver applies the same rule.
-  if (!key.empty() && key.front() == '$') return writer_.key(plistText("$" + key));
+  if (!key.empty() && key.front() == '$') return writer_.key(TavloReplacingInvalidUTF8("$" + key));
   if (const RecentText* recent = recall(recentKeys_, key)) return recent->object;
-  if (!isPlainText(key)) return writer_.key(plistText(key));
+  if (!isPlainText(key)) return writer_.key(TavloReplacingInvalidUTF8(key));
   const Object object = writer_.key(key);
   remember(recentKeys_, key, object);
   return object;

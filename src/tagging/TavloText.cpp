@@ -132,3 +132,18 @@ bool TavloIsURLSafeText(std::string_view text) {
   }
   return true;
 }
+
+std::string TavloReplacingInvalidUTF8(std::string_view text) {
+  static constexpr char kReplacementCharacter[] = "\xEF\xBF\xBD";  // U+FFFD
+  std::string repaired;
+  for (std::size_t position = 0; position < text.size();) {
+    const std::size_t start = position;
+    const std::optional<char32_t> c = TavloNextCodePoint(text, position);
+    if (c && *c != 0) {
+      repaired.append(text, start, position - start);
+    } else {
+      for (std::size_t i = start; i < position; ++i) repaired += kReplacementCharacter;
+    }
+  }
+  return repaired;
+}

@@ -18,6 +18,10 @@ std::optional<char32_t> TavloNextCodePoint(std::string_view text, std::size_t& p
 /// Whether `text` is well-formed UTF-8 (no overlongs, no surrogates, nothing above U+10FFFF).
 bool TavloIsValidUTF8(std::string_view text);
 
+/// `text` with every byte that does not decode, and every NUL, replaced by U+FFFD, so a
+/// reader that decodes strictly (or cuts at NUL) keeps the rest of the text.
+std::string TavloReplacingInvalidUTF8(std::string_view text);
+
 /// The length of `text` in UTF-16 code units: one per character below U+10000, two above.
 /// Bytes that are not well-formed UTF-8 count one unit each.
 size_t TavloUTF16Length(std::string_view text);

@@ -10,24 +10,13 @@ namespace {
 
 constexpr uint64_t kArchiveVersion = 100000;
 constexpr uint64_t kNullUID = 0;
-const char kReplacementCharacter[] = "\xEF\xBF\xBD";  // U+FFFD
 
 // libplist takes strings as C strings and re-encodes non-ASCII text as UTF-16 without
 // checking it: a NUL would cut the string short and a malformed sequence comes back as
 // unrelated characters, or vanishes. Replacing each bad byte with U+FFFD keeps the rest.
 std::string plistText(const std::string& text) {
   if (TavloIsValidUTF8(text) && text.find('\0') == std::string::npos) return text;
-  std::string repaired;
-  for (std::size_t position = 0; position < text.size();) {
-    const std::size_t start = position;
-    const std::optional<char32_t> c = TavloNextCodePoint(text, position);
-    if (c && *c != 0) {
-      repaired.append(text, start, position - start);
-    } else {
-      for (std::size_t i = start; i < position; ++i) repaired += kReplacementCharacter;
-    }
-  }
-  return repaired;
+  return TavloReplacingInvalidUTF8(text);
 }
 
 // NSKeyedArchiver reserves keys that begin with "$" for itself ("$class") and escapes a
