@@ -136,69 +136,71 @@ uint64_t TavloAgent::getPartialID() {
   return partialID_++;
 }
 
-std::optional<std::string> TavloAgent::prepareQueueFile(std::error_code& error) {
+std::string TavloAgent::prepareQueueFile(std::error_code& error) {
   const std::string dataDirectory = platform_.files->dataDirectory();
   // Without a data directory the path would start at "/": never write there.
   if (dataDirectory.empty() || dataDirectory.front() != '/') {
     error = std::make_error_code(std::errc::no_such_file_or_directory);
-    return std::nullopt;
+    return {};
   }
   const std::string path = TavloQueueFilePath(dataDirectory, platform_.deviceInfo->bundleName());
   error = platform_.files->createDirectories(path.substr(0, path.rfind('/')), 0700);
-  if (error) return std::nullopt;
   return path;
 }
 
 std::string TavloAgent::requestsFilePath() {
-  std::error_code ignored;
-  return prepareQueueFile(ignored).value_or("");
+  std::error_code error;
+  std::string path = prepareQueueFile(error);
+  return error ? std::string() : path;
 }
 
 void TavloAgent::loadRequests() {
   TavloLogger::log("Loading requests from cache", TavloLoggingModeInfo);
   std::error_code error;
-  const std::optional<std::string> path = prepareQueueFile(error);
-  if (!path) {
-    TavloLogger::log(platform_.files->dataDirectory().empty()
-                         ? std::string("No data directory for the request queue (neither XDG_DATA_HOME nor HOME "
-                                       "names one); requests are kept in memory only")
-                         : "The request queue cannot be kept in " +
-                               TavloQueueFilePath(platform_.files->dataDirectory(), platform_.deviceInfo->bundleName()) +
-                               " (" + error.message() + "); requests are kept in memory only",
+  const std::string path = prepareQueueFile(error);
+  if (path.empty()) {
+    TavloLogger::log("No data directory for the request queue (neither XDG_DATA_HOME nor HOME names one); "
+                     "requests are kept in memory only",
                      TavloLoggingModeError);
     return;
   }
-  auto lock = platform_.files->tryLockFile(*path + ".lock", error);
+  if (error) {
+    TavloLogger::log("The request queue cannot be kept in " + TavloLogSafe(path) + " (" + error.message() +
+                         "); requests are kept in memory only",
+                     TavloLoggingModeError);
+    return;
+  }
+  auto lock = platform_.files->tryLockFile(path + ".lock", error);
   if (!lock) {
     if (error == std::errc::resource_unavailable_try_again) {
-      TavloLogger::log("The request queue file " + *path + " is in use by another process of this application; " +
+      TavloLogger::log("The request queue file " + path + " is in use by another process of this application; " +
                            "this process keeps its requests in memory only",
                        TavloLoggingModeWarning);
     } else {
-      TavloLogger::log("The request queue cannot be kept in " + *path + " (" + error.message() +
+      TavloLogger::log("The request queue cannot be kept in " + path + " (" + error.message() +
                            "); requests are kept in memory only",
                        TavloLoggingModeError);
     }
     return;
   }
   // Holding the lock, no other writer of this file is alive: what a killed one left is stale.
-  platform_.files->removeLeftoverTemporaries(*path);
+  platform_.files->removeLeftoverTemporaries(path);
 
   std::deque<std::shared_ptr<TavloRequest>> loaded;
   std::vector<const TavloRequest*> fileOrder;  // what the file holds, by position
   std::vector<bool> sent;                      // by position: listed in the sent journal
   std::string data;
-  const std::string journalPath = TavloSentJournal::pathFor(*path);
-  error = platform_.files->readFile(*path, data, TavloKeyedUnarchiver::maxArchiveBytes);
+  const std::string journalPath = TavloSentJournal::pathFor(path);
+  error = platform_.files->readFile(path, data, TavloKeyedUnarchiver::maxArchiveBytes);
   if (error && error != std::errc::no_such_file_or_directory) {
-    TavloLogger::log("Could not read the request queue file " + TavloLogSafe(*path) + " (" + error.message() +
+    TavloLogger::log("Could not read the request queue file " + TavloLogSafe(path) + " (" + error.message() +
                          "); starting with an empty queue",
                      TavloLoggingModeWarning);
   } else if (!error) {
     std::string why;
     const auto decoded = TavloKeyedUnarchiver::unarchivedArrayWithData(data, TavloRecordClasses(), &why);
     if (!decoded) {
-      TavloLogger::log("The request queue file " + TavloLogSafe(*path) + " is damaged (" + TavloLogSafe(why) +
+      TavloLogger::log("The request queue file " + TavloLogSafe(path) + " is damaged (" + TavloLogSafe(why) +
                            "); starting with an empty queue, the file is replaced at the next save",
                        TavloLoggingModeWarning);
     } else {
@@ -237,7 +239,7 @@ void TavloAgent::loadRequests() {
   }
   std::lock_guard guard(requestsProtector);
   fileLock_ = std::move(lock);
-  queuePath_ = *path;
+  queuePath_ = path;
   // Nothing was handed over yet (the hand-over waits behind this task), so the loaded
   // requests are the whole queue.
   requestQueue.insert(requestQueue.begin(), loaded.begin(), loaded.end());

@@ -192,9 +192,9 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void start();
 
   void loadRequests();                                                   // on requestHandler only
-  /// Where the queue file goes, with its folder made; nothing (and `error` set) when the
-  /// queue cannot be kept in a file.
-  std::optional<std::string> prepareQueueFile(std::error_code& error);
+  /// Where the queue file goes, with its folder made: empty when there is no data
+  /// directory; `error` set when the queue cannot be kept there.
+  std::string prepareQueueFile(std::error_code& error);
   void saveRequests();                                                   // REQUIRES: requestsProtector held
   /// Writes the queue if it changed since the last write; returns once it is on disk.
   /// REQUIRES: no lock of the agent held.
