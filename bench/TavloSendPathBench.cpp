@@ -27,6 +27,7 @@
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloStreamingTagger.h"
+#include "tavlo/TavloVersion.h"
 
 namespace {
 
@@ -121,7 +122,8 @@ TavloTestPlatform sendingPlatform(const Collector& collector) {
 // The floor: one reused libcurl handle sending `urls` with the same header, CPU per URL.
 double curlLoopCpuPerHit(const std::vector<std::string>& urls) {
   CURL* curl = curl_easy_init();
-  curl_slist* headers = curl_slist_append(nullptr, "User-Agent: TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv");
+  const std::string userAgent = std::string("User-Agent: TestApp/1.2.3 Tavlo SDK v") + TavloVersionString + " apple tv";
+  curl_slist* headers = curl_slist_append(nullptr, userAgent.c_str());
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, 10000L);

@@ -12,6 +12,7 @@
 #include "request/TavloRecordClasses.h"
 #include "support/TavloAgentFixture.h"
 #include "support/TavloScriptedHttpClient.h"
+#include "tavlo/TavloVersion.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ TEST_F(TavloAgentTest, SendsAHitWithTheUserAgentAndRemovesIt) {
   ASSERT_EQ(2u, requests.size()) << "one authorisation, one hit";
   EXPECT_EQ("http://127.0.0.1:1/123", requests[0].url);
   EXPECT_EQ("http://collect.test/m/web/123?c=home&m_ntwk=Wifi", requests[1].url);
-  EXPECT_EQ((TavloHttpHeaders{{"User-Agent", "TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv"}}), requests[1].headers);
+  EXPECT_EQ((TavloHttpHeaders{{"User-Agent", "TestApp/1.2.3 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv"}}), requests[1].headers);
   EXPECT_EQ(10, requests[1].timeoutSeconds);
   EXPECT_TRUE(test.logSink->contains("(INFO) : Request \"serial 123 - request type audience - hote "
                                      "http://collect.test/m/web/123 - parameters {"));

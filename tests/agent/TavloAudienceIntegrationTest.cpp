@@ -14,6 +14,7 @@
 #include "support/TavloAgentFixture.h"
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloAudienceTagger.h"
+#include "tavlo/TavloVersion.h"
 
 namespace {
 
@@ -112,9 +113,9 @@ TEST_F(TavloAudienceIntegrationTest, AHitArrivesWithEveryParameterByteForByte) {
   EXPECT_EQ("GET", received[0].method);
   EXPECT_EQ(
       "/m/web/123?c=home&crmid=42&ds=16.7&l4=%C3%A9&m_fw=1.0&m_ntwk=Wifi&m_os=TestModel&ml1=x%2Fy&n=1&p=page%202"
-      "&sch=1080&scp=32&scw=1920&tag_type=apps&tn=tvOS&uid=00000000-0000-4000-8000-000000000001&v=5.4.5",
+      "&sch=1080&scp=32&scw=1920&tag_type=apps&tn=tvOS&uid=00000000-0000-4000-8000-000000000001&v=" TAVLO_VERSION_STRING,
       received[0].target);
-  EXPECT_EQ("TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv", received[0].header("User-Agent"));
+  EXPECT_EQ("TestApp/1.2.3 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv", received[0].header("User-Agent"));
   EXPECT_EQ("/123", server.requests()[0].target) << "the authorisation comes first";
   EXPECT_TRUE(agent->TEST_queue().empty());
 }

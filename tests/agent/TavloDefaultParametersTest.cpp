@@ -2,6 +2,7 @@
 #include "support/TavloFixedAdvertisingIdProvider.h"
 #include "agent/TavloDefaultParameters.h"
 #include "platform/TavloLogger.h"
+#include "tavlo/TavloVersion.h"
 
 namespace {
 
@@ -13,7 +14,7 @@ TEST_F(TavloDefaultParameters_, HoldsTheElevenDefaultsPairedAsDesigned) {
   test.deviceInfo->systemVersionValue = "12";
   TavloDefaultParameters defaults(test.platform);
   const TavloParameters expected = {
-      {"scp", "32"},      {"tag_type", "apps"}, {"v", "5.4.5"},  {"n", "4294967295"},
+      {"scp", "32"},      {"tag_type", "apps"}, {"v", TAVLO_VERSION_STRING},  {"n", "4294967295"},
       {"uid", TavloSequenceRandom::countedUUID(1)},              {"scw", "1920"},
       {"sch", "1080"},    {"m_os", "Box 4K"},   {"m_fw", "12"},  {"ds", "16.7"},
       {"tn", "tvOS"},
@@ -72,12 +73,12 @@ TEST_F(TavloDefaultParameters_, UserAgentNamesTheAppAndTheDeviceWord) {
     const char* userAgent;
   };
   const Case cases[] = {
-      {"TestApp", "1.2.3", TavloUserInterfaceIdiomTV, "TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv"},
-      {"A", "9", TavloUserInterfaceIdiomPad, "A/9 Tavlo SDK v5.4.5 apple ipad"},
-      {"A", "9", TavloUserInterfaceIdiomPhone, "A/9 Tavlo SDK v5.4.5 apple iphone"},
-      {"A", "9", 7, "A/9 Tavlo SDK v5.4.5 apple iphone"},
-      {std::nullopt, std::nullopt, std::nullopt, "(null)/(null) Tavlo SDK v5.4.5 apple iphone"},
-      {"Te\tst", "1.0\r\nX-Injected: 1", TavloUserInterfaceIdiomTV, "Te st/1.0  X-Injected: 1 Tavlo SDK v5.4.5 apple tv"},
+      {"TestApp", "1.2.3", TavloUserInterfaceIdiomTV, "TestApp/1.2.3 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv"},
+      {"A", "9", TavloUserInterfaceIdiomPad, "A/9 Tavlo SDK v" TAVLO_VERSION_STRING " apple ipad"},
+      {"A", "9", TavloUserInterfaceIdiomPhone, "A/9 Tavlo SDK v" TAVLO_VERSION_STRING " apple iphone"},
+      {"A", "9", 7, "A/9 Tavlo SDK v" TAVLO_VERSION_STRING " apple iphone"},
+      {std::nullopt, std::nullopt, std::nullopt, "(null)/(null) Tavlo SDK v" TAVLO_VERSION_STRING " apple iphone"},
+      {"Te\tst", "1.0\r\nX-Injected: 1", TavloUserInterfaceIdiomTV, "Te st/1.0  X-Injected: 1 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv"},
   };
   for (const Case& c : cases) {
     test.deviceInfo->bundleNameValue = c.name;

@@ -5,6 +5,7 @@
 #include "platform/TavloCurlHttpClient.h"
 #include "support/TavloLoggingFixture.h"
 #include "support/TavloTestServer.h"
+#include "tavlo/TavloVersion.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ TEST_F(TavloAuthManagerIntegrationTest, AnswersFromTheServerOrLocalDefaults) {
   const auto requests = server.requests();
   ASSERT_FALSE(requests.empty());
   EXPECT_EQ("/123", requests.back().target);
-  EXPECT_EQ("TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv", requests.back().header("User-Agent"));
+  EXPECT_EQ("TestApp/1.2.3 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv", requests.back().header("User-Agent"));
 }
 
 TEST_F(TavloAuthManagerIntegrationTest, ClockDeltaComesFromTheDateHeader) {

@@ -4,6 +4,7 @@
 #include "platform/TavloLogger.h"
 #include "support/TavloLoggingFixture.h"
 #include "support/TavloScriptedHttpClient.h"
+#include "tavlo/TavloVersion.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ TEST_F(TavloAuthManagerTest, AsksTheServerOnceWithTheUserAgentThenAnswersFromThe
   ASSERT_EQ(1u, http->requestCount());
   const TavloHttpRequest sent = http->lastRequest();
   EXPECT_EQ("https://tavlo.example/123", sent.url);
-  EXPECT_EQ((TavloHttpHeaders{{"User-Agent", "TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv"}}), sent.headers);
+  EXPECT_EQ((TavloHttpHeaders{{"User-Agent", "TestApp/1.2.3 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv"}}), sent.headers);
   EXPECT_EQ(60, sent.timeoutSeconds);
 
   manager->authForTagger(audience);

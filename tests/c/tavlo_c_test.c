@@ -122,7 +122,7 @@ static void configure_medium(void* user_data, tavlo_streaming_config_t* config) 
 }
 
 static void test_version(void) {
-  CHECK(strcmp(tavlo_version(), "5.4.5") == 0);
+  CHECK(strcmp(tavlo_version(), TAVLO_EXPECTED_VERSION) == 0); /* project()'s version, from CMake */
   CHECK(tavlo_version() == tavlo_version());
 }
 

@@ -32,8 +32,8 @@ for file in "$libdir/libtavlo.a" "$libdir/pkgconfig/tavlo.pc" "$libdir/cmake/Tav
     "$prefix/bin/tavlo-queue"; do
   [ -e "$file" ] || fail "$file is not installed"
 done
-for internal in request agent auth platform/TavloLogger.h; do
-  [ ! -e "$prefix/include/$internal" ] || fail "internal header $internal is installed"
+for internal in request agent auth platform/TavloLogger.h tavlo/TavloVersion.h.in; do
+  [ ! -e "$prefix/include/$internal" ] || fail "internal file $internal is installed"
 done
 "$prefix/bin/tavlo-queue" --version >/dev/null || fail "the installed tavlo-queue does not run"
 
@@ -49,7 +49,7 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 cflags=$(pkg-config --cflags tavlo) || fail "pkg-config --cflags tavlo"
 libs=$(pkg-config --libs tavlo) || fail "pkg-config --libs tavlo"
 static_libs=$(pkg-config --static --libs tavlo) || fail "pkg-config --static --libs tavlo"
-for dependency in -lcurl -lplist-2.0 -luuid -pthread; do
+for dependency in -lcurl -luuid -pthread; do
   case " $static_libs " in
     *" $dependency "*) ;;
     *) fail "pkg-config --static --libs tavlo lacks $dependency: $static_libs" ;;

@@ -8,6 +8,7 @@
 #include "platform/TavloCurlHttpClient.h"
 #include "streaming/TavloStreamingFixture.h"
 #include "support/TavloTestServer.h"
+#include "tavlo/TavloVersion.h"
 
 namespace {
 
@@ -69,7 +70,7 @@ TEST_F(TavloStreamingIntegrationTest, PlayPausePlayStopReachesTheCollectorInOrde
     EXPECT_EQ(positions[i], parameters.at("cmsPO")) << i;
     EXPECT_EQ(previous[i], parameters.at("cmsOP")) << i;
     EXPECT_EQ("state", parameters.at("cmsEV"));
-    EXPECT_EQ("TestApp/1.2.3 Tavlo SDK v5.4.5 apple tv", hits[i].header("User-Agent"));
+    EXPECT_EQ("TestApp/1.2.3 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv", hits[i].header("User-Agent"));
   }
   // The first hit, byte for byte: the defaults, the streaming set with its crosswise
   // levels, and what the URL adds, sorted without regard to case and escaped.
@@ -78,7 +79,7 @@ TEST_F(TavloStreamingIntegrationTest, PlayPausePlayStopReachesTheCollectorInOrde
       "&cmsPO=0&cmsPS=5&cmsRK=1&cmsS1=drama&cmsS3=films&cmsSD=80&cmsSN=film&cmsVI=41&crmid=viewer%2042&dom=provider"
       "&ds=16.7&m_fw=1.0&m_ntwk=Wifi&m_os=TestModel&n=" +
           TavloQueryParameters(hits[0].target).at("n") +
-          "&sch=1080&scp=32&scw=1920&tag_type=apps&tn=tvOS&uid=00000000-0000-4000-8000-000000000001&v=5.4.5",
+          "&sch=1080&scp=32&scw=1920&tag_type=apps&tn=tvOS&uid=00000000-0000-4000-8000-000000000001&v=" TAVLO_VERSION_STRING,
       hits[0].target);
 
   auto authorisations = received(true);

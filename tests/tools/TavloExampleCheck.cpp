@@ -11,6 +11,7 @@
 
 #include "support/TavloTemporaryDirectory.h"
 #include "support/TavloTestServer.h"
+#include "tavlo/TavloVersion.h"
 
 extern char** environ;
 
@@ -20,7 +21,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   const int expectedHits = argc == 4 ? std::atoi(argv[2]) : 3;
-  const std::string userAgent = argc == 4 ? argv[3] : "TavloAudienceExample/1.0 Tavlo SDK v5.4.5 apple tv";
+  const std::string userAgent =
+      argc == 4 ? argv[3] : std::string("TavloAudienceExample/1.0 Tavlo SDK v") + TavloVersionString + " apple tv";
   TavloTemporaryDirectory home;
   setenv("XDG_DATA_HOME", home.path().c_str(), 1);  // the example's queue file and device id go here
 
