@@ -32,7 +32,7 @@ class TAVLO_EXPORT TavloTagger {
   TavloTagger(const TavloTagger&) = delete;
   TavloTagger& operator=(const TavloTagger&) = delete;
 
-  /// The library version, "5.4.5".
+  /// The library version, TavloVersionString (TavloVersion.h).
   static std::string TavloVersion();
 
   /// The measurement account this tagger sends for, as given to its factory.

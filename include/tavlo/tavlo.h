@@ -98,7 +98,7 @@ enum { tavlo_sending_mode_timestamped = 0, tavlo_sending_mode_live = 1, tavlo_se
 
 /* The library, process-wide. */
 
-/* The library version, "5.4.5". Static: never freed. */
+/* The library version, "major.minor.patch". Static: never freed. */
 TAVLO_EXPORT const char* tavlo_version(void) TAVLO_C_NOEXCEPT;
 
 /* Frees a char* this interface returned. NULL is ignored. */

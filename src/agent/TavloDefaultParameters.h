@@ -22,7 +22,7 @@ class TavloDefaultParameters {
  public:
   explicit TavloDefaultParameters(const TavloPlatform& platform);
 
-  /// The library version, "5.4.5".
+  /// The library version, TavloVersionString (TavloVersion.h).
   static std::string TavloVersion();
 
   /// A new dictionary of the eleven defaults: "scp" "32", "tag_type" "apps", "v" the
@@ -33,7 +33,7 @@ class TavloDefaultParameters {
   /// The same dictionary by value, for a tagger that adds its own keys to it.
   TavloParameters defaultParameters();
 
-  /// "<bundle name>/<bundle version> Tavlo SDK v5.4.5 apple <tv|ipad|iphone>", with
+  /// "<bundle name>/<bundle version> Tavlo SDK v<version> apple <tv|ipad|iphone>", with
   /// "(null)" standing for a missing name or version.
   std::string userAgent() { return userAgentOf(*deviceInfo_); }
   /// The same text for any device-information source (the authorisation exchange sends
