@@ -16,6 +16,12 @@
 /// ends (the send loop goes idle, new hits were queued, the library shuts down), which
 /// empties the journal.
 ///
+/// Appends are not synced to the storage: a killed process leaves them in the page cache,
+/// where the next start reads them, so a kill resends at most the hit in flight. A power
+/// cut during a burst may take back the entries since the queue file was last written,
+/// and those hits are then sent twice; it never loses one, since the queue file itself is
+/// synced. Syncing each append would cost a flash write per hit sent.
+///
 /// Layout: the 8 bytes "TvloSnt1", the fingerprint of the queue file the positions refer
 /// to (8 bytes, little-endian), then one 4-byte little-endian position per sent hit. A
 /// journal whose fingerprint is not that of the queue file beside it (the process died

@@ -35,10 +35,11 @@ class TAVLO_EXPORT TavloFileSystem {
   /// either the old contents or the new ones, never a mix. The file gets `mode` (e.g. 0600).
   virtual std::error_code writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode) = 0;
 
-  /// Appends `contents` to the file at `path` (made with `mode` if missing) and returns
-  /// once they are on the disk. After a crash the file holds its old contents followed by
-  /// a prefix of `contents`. The default rewrites the whole file atomically; a platform
-  /// that can append in place should.
+  /// Appends `contents` to the file at `path` (made with `mode` if missing). On return the
+  /// bytes must outlive the process (a kill right after still finds them), but need not be
+  /// flushed to the storage: a power cut may take the append back. After a crash the file
+  /// holds its old contents followed by a prefix of `contents`. The default rewrites the
+  /// whole file atomically; a platform that can append in place should.
   virtual std::error_code appendToFile(const std::string& path, std::string_view contents, unsigned mode) {
     std::string whole;
     std::error_code error = readFile(path, whole, 64 * 1024 * 1024);
