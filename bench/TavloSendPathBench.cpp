@@ -36,7 +36,8 @@ namespace {
 struct ThreadInfo {
   std::string name;
   double cpuSeconds = 0;   // from schedstat: time on a CPU
-  long switches = 0;       // voluntary and involuntary context switches: wake-ups
+  long switches = 0;       // voluntary context switches: the thread slept and was woken
+  long preemptions = 0;    // involuntary ones: the thread was running and another took the CPU
 };
 
 std::string readFirstLine(const std::string& path) {
@@ -55,8 +56,10 @@ std::vector<ThreadInfo> threads() {
     std::ifstream status(entry.path() / "status");
     std::string line;
     while (std::getline(status, line)) {
-      if (line.rfind("voluntary_ctxt_switches:", 0) == 0 || line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
-        info.switches += std::atol(line.c_str() + line.find(':') + 1);
+      // Preemptions count how loaded the machine is, not how often the library wakes.
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0) info.switches += std::atol(line.c_str() + line.find(':') + 1);
+      if (line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
+        info.preemptions += std::atol(line.c_str() + line.find(':') + 1);
       }
     }
     found.push_back(info);
@@ -71,6 +74,7 @@ ThreadInfo libraryThreads(const std::string& prefix = "Tavlo") {
     if (thread.name.rfind(prefix, 0) != 0) continue;
     total.cpuSeconds += thread.cpuSeconds;
     total.switches += thread.switches;
+    total.preemptions += thread.preemptions;
   }
   return total;
 }
@@ -195,6 +199,7 @@ void BM_SendLoopCpuPerStreamingHitFromTheQueueFile(benchmark::State& state) {
     library.push_back((libraryThreads("TavloRequestSen").cpuSeconds - before.cpuSeconds) / std::max<size_t>(sent, 1));
     agent->shutdown();
     floor.push_back(curlLoopCpuPerHit(collector.hitURLs()));
+    state.counters["hits_sent"] = static_cast<double>(sent);
   }
   report(state, "cpu_us_per_hit", percentile(library, 0.5) * 1e6, percentile(floor, 0.5) * 1e6);
 }
@@ -317,6 +322,7 @@ void BM_ThreadsAndWakeUpsWhilePlaying(benchmark::State& state) {
     }
     for (const auto& [name, switches] : perThread) state.counters["wakeups_per_s_" + name] = switches / window;
     report(state, "wakeups_per_s", static_cast<double>(after.switches - before.switches) / window, 1.0);
+    state.counters["preemptions_per_s"] = static_cast<double>(after.preemptions - before.preemptions) / window;
     one.front()->notifyEvent(TavloStreamingEventStop, 0);
     agent->shutdown();
   }
