@@ -175,13 +175,13 @@ class DemoLogSink : public TavloLogSink {
  public:
   explicit DemoLogSink(bool verbose) : verbose_(verbose) {}
 
-  void writeLine(std::string_view line) override {
+  void writeLine(std::string_view line, TavloLogLevel level) override {
     // The library's own words for a hit it gives up on before sending it.
     for (const std::string_view refusal : {"can't be sent because of access denied", "was not sent because of invalid parameters",
                                            "Hit dropped"}) {
       if (line.find(refusal) != std::string_view::npos) ++refusedHits;
     }
-    if (verbose_ || line.starts_with("(ERROR)") || line.starts_with("(WARNING)")) {
+    if (verbose_ || level != TavloLogLevel::Info) {
       std::fprintf(stderr, "library: %.*s\n", static_cast<int>(line.size()), line.data());
     }
   }

@@ -31,7 +31,7 @@ void TavloLogger::log(std::string_view message, int64_t mode) {
   std::string line;
   line.reserve(message.size() + 16);
   line.append("(").append(levelWord(mode)).append(") : ").append(message);
-  sink->writeLine(line);
+  sink->writeLine(line, static_cast<TavloLogLevel>(mode));
 }
 
 void TavloLogger::runReportingFailures(const std::string& queue, const std::function<void()>& task) {

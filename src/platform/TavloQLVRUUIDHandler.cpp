@@ -15,7 +15,7 @@ TavloQLVRUUIDHandler::TavloQLVRUUIDHandler(std::shared_ptr<TavloSecureStore> sto
 TavloSecureItemQuery TavloQLVRUUIDHandler::query() const { return {kService, kAccount, accessGroup_}; }
 
 void TavloQLVRUUIDHandler::writeSystemLog(const std::string& text, int32_t status) {
-  if (systemLog_) systemLog_->writeLine(text + std::to_string(status));
+  if (systemLog_) systemLog_->writeLine(text + std::to_string(status), TavloLogLevel::Error);
 }
 
 std::string TavloQLVRUUIDHandler::generateUUID() { return random_ ? random_->newUUIDString() : std::string(); }

@@ -83,7 +83,7 @@ void writeWhole(int descriptor, const std::string& text) {
 
 }  // namespace
 
-void TavloStderrLogSink::writeLine(std::string_view line) {
+void TavloStderrLogSink::writeLine(std::string_view line, TavloLogLevel) {
   // Callers often log right after a failed call and may still want to read its errno.
   const int savedErrno = errno;
   struct timespec moment {};

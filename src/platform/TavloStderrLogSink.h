@@ -19,7 +19,7 @@
 class TavloStderrLogSink : public TavloLogSink {
  public:
   explicit TavloStderrLogSink(int descriptor = STDERR_FILENO);
-  void writeLine(std::string_view line) override;
+  void writeLine(std::string_view line, TavloLogLevel level) override;
 
   /// The prefix for a moment given as seconds and milliseconds since 1970, in local
   /// time, with the calling process's identifier. Separate so its format can be checked.

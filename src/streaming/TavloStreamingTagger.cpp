@@ -486,7 +486,7 @@ void TavloStreamingTagger::emit(const PendingLines& lines) const {
     if (!line.direct) {
       TavloLogger::log(line.text, line.mode);
     } else if (platform_.logSink) {
-      platform_.logSink->writeLine(line.text);
+      platform_.logSink->writeLine(line.text, TavloLogLevel::Info);
     }
   }
 }

@@ -1,4 +1,9 @@
+#include <initializer_list>
 #include <limits>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "support/TavloLoggingFixture.h"
 #include "platform/TavloInstalledPlatform.h"
@@ -57,6 +62,39 @@ TEST_F(TavloLogger_, InstallingAfterTheLibraryStartedSaysItComesTooLate) {
   TavloMarkInstalledPlatformTaken();
   TavloPlatform::install(test.platform);
   EXPECT_TRUE(test.logSink->contains("(WARNING) : TavloPlatform::install was called after the library started"));
+}
+
+// A sink of each form gets every line: one written for 5.4 through the deprecated
+// one-argument form, a current one with the line's level.
+TEST_F(TavloLogger_, SinksGetEachLineWithItsLevelOrThroughTheOldForm) {
+  struct LevelledSink : TavloLogSink {
+    std::vector<std::pair<std::string, TavloLogLevel>> lines;
+    void writeLine(std::string_view line, TavloLogLevel level) override { lines.emplace_back(line, level); }
+  };
+  struct OldSink : TavloLogSink {
+    std::vector<std::string> lines;
+    void writeLine(std::string_view line) override { lines.emplace_back(line); }
+  };
+  const std::pair<TavloLoggingMode, TavloLogLevel> cases[] = {
+      {TavloLoggingModeInfo, TavloLogLevel::Info},
+      {TavloLoggingModeWarning, TavloLogLevel::Warning},
+      {TavloLoggingModeError, TavloLogLevel::Error},
+  };
+  TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeInfo);
+  for (const auto& [mode, level] : cases) {
+    auto levelled = std::make_shared<LevelledSink>();
+    auto old = std::make_shared<OldSink>();
+    for (const std::shared_ptr<TavloLogSink>& sink : std::initializer_list<std::shared_ptr<TavloLogSink>>{levelled, old}) {
+      test.platform.logSink = sink;
+      TavloPlatform::install(test.platform);
+      TavloLogger::log("message", mode);
+    }
+    const std::string line = std::string("(") + TavloLogger::levelWord(mode) + ") : message";
+    // Installing may itself log (once the library has started), so only the last line counts.
+    ASSERT_FALSE(levelled->lines.empty() || old->lines.empty());
+    EXPECT_EQ(levelled->lines.back(), std::make_pair(line, level));
+    EXPECT_EQ(old->lines.back(), line);
+  }
 }
 
 }  // namespace

@@ -132,7 +132,7 @@ TEST(TavloPlatformTest, InstallCompletesThePlatformAndRoutesTheLogSink) {
   }
   EXPECT_EQ(TavloPlatform::installed().secureStore, installed.secureStore) << "the defaults that fill gaps are made once";
   EXPECT_EQ(TavloInstalledLogSink(), sink);
-  TavloInstalledLogSink()->writeLine("through the installed sink");
+  TavloInstalledLogSink()->writeLine("through the installed sink", TavloLogLevel::Info);
   EXPECT_TRUE(sink->contains("through the installed sink"));
 
   auto replacement = std::make_shared<TavloCapturingLogSink>();

@@ -108,8 +108,8 @@ TEST(TavloStderrLogSinkTest, WritesOnePrefixedLinePerCallLikeASystemLog) {
   ASSERT_EQ(::pipe(ends), 0);
   {
     TavloStderrLogSink sink(ends[1]);
-    sink.writeLine("(ERROR) : something broke");
-    sink.writeLine("");
+    sink.writeLine("(ERROR) : something broke", TavloLogLevel::Error);
+    sink.writeLine("", TavloLogLevel::Info);
   }
   const std::string written = drained(ends);
   EXPECT_TRUE(std::regex_match(written, std::regex(linePrefix + R"(\(ERROR\) : something broke\n)" + linePrefix + "\n")))
@@ -125,7 +125,7 @@ TEST(TavloStderrLogSinkTest, ConcurrentLinesNeverInterleave) {
   std::vector<std::thread> threads;
   for (int w = 0; w < writers; ++w) {
     threads.emplace_back([&sink, w] {
-      for (int i = 0; i < linesEach; ++i) sink.writeLine("writer " + std::to_string(w) + " line " + std::to_string(i));
+      for (int i = 0; i < linesEach; ++i) sink.writeLine("writer " + std::to_string(w) + " line " + std::to_string(i), TavloLogLevel::Info);
     });
   }
   for (auto& thread : threads) thread.join();
@@ -142,7 +142,7 @@ TEST(TavloStderrLogSinkTest, LineToAPipeWithoutReaderIsDroppedWithoutKillingTheP
   ::close(ends[0]);
   TavloStderrLogSink sink(ends[1]);
   errno = ENOENT;
-  sink.writeLine("nobody reads this");  // SIGPIPE would end the test run here
+  sink.writeLine("nobody reads this", TavloLogLevel::Info);  // SIGPIPE would end the test run here
   EXPECT_EQ(errno, ENOENT) << "the caller's errno must survive a log line";
   sigset_t pending;
   sigemptyset(&pending);
@@ -152,6 +152,6 @@ TEST(TavloStderrLogSinkTest, LineToAPipeWithoutReaderIsDroppedWithoutKillingTheP
 
   TavloStderrLogSink closed(-1);
   errno = EAGAIN;
-  closed.writeLine("nowhere to go");
+  closed.writeLine("nowhere to go", TavloLogLevel::Info);
   EXPECT_EQ(errno, EAGAIN);
 }

@@ -1,6 +1,6 @@
 #include "support/TavloCapturingLogSink.h"
 
-void TavloCapturingLogSink::writeLine(std::string_view line) {
+void TavloCapturingLogSink::writeLine(std::string_view line, TavloLogLevel) {
   std::lock_guard<std::mutex> lock(linesProtector);
   captured.emplace_back(line);
 }

@@ -12,7 +12,7 @@
 /// the library said. Callable from any thread; `linesProtector` guards the lines.
 class TavloCapturingLogSink : public TavloLogSink {
  public:
-  void writeLine(std::string_view line) override;
+  void writeLine(std::string_view line, TavloLogLevel level) override;
 
   std::vector<std::string> lines();
   /// Whether any line contains `text`.
