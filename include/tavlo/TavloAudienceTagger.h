@@ -22,7 +22,8 @@ class TavloTaggerID;
 ///
 /// Threads: any thread. `sendHitWithLevel1` never blocks on the network or the disk: the
 /// hit is queued and sent in the background, retried while the network is down. Failures
-/// are never reported to the caller; they are logged.
+/// are never reported to the caller; they are logged. A hit carries the levels and
+/// properties as they stood when the call was made; later changes reach later hits only.
 ///
 /// Access: when the serial's cached authorisation refuses audience hits (access denied,
 /// or restricted after its first hit), `sendHitWithLevel1` drops the hit silently.

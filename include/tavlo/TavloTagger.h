@@ -103,6 +103,18 @@ class TAVLO_EXPORT TavloTagger {
   /// Level `index` (1 ... 11), for subclasses building hits.
   TavloString newLevel(int index) const;
 
+  /// The read-write properties a hit carries, read together under one lock: a hit pays
+  /// for one lock instead of one per property, and never mixes old and new values.
+  struct HitProperties {
+    bool useIDFA = false;
+    std::array<TavloString, kNewLevelCount> newLevels;
+    TavloString mediaContentId;
+    TavloString mediaDiffMode;
+    TavloString mediaChannel;
+    TavloString netMeasurement;
+  };
+  HitProperties hitProperties() const;
+
  private:
   TavloString stringProperty(const TavloString TavloTagger::*field) const;
   void setStringProperty(TavloString TavloTagger::*field, TavloString value);

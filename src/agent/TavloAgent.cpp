@@ -344,16 +344,24 @@ size_t parameterBytes(const TavloRequest& request) {
 }
 }  // namespace
 
+bool TavloAgent::refusesOversized(const TavloRequest& request) {
+  const size_t bytes = parameterBytes(request);
+  if (bytes <= maximumHitBytes) return false;
+  TavloLogger::log("A hit of serial " + TavloLogSafe(request.serial().value_or("(null)")) + " carries " +
+                       std::to_string(bytes) + " bytes of parameters, more than the " +
+                       std::to_string(maximumHitBytes) + " a hit may carry; it is dropped",
+                   TavloLoggingModeError);
+  return true;
+}
+
 void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
-  if (!request) return;
-  if (const size_t bytes = parameterBytes(*request); bytes > maximumHitBytes) {
-    TavloLogger::log("A hit of serial " + TavloLogSafe(request->serial().value_or("(null)")) + " carries " + std::to_string(bytes) +
-                         " bytes of parameters, more than the " + std::to_string(maximumHitBytes) +
-                         " a hit may carry; it is dropped",
-                     TavloLoggingModeError);
-    return;
-  }
+  if (!request || refusesOversized(*request)) return;
   handOver({HandOver::Enqueue, std::move(request)});
+}
+
+void TavloAgent::addRequestMadeByHandler(RequestMaker make) {
+  if (!make) return;
+  handOver({HandOver::Enqueue, nullptr, std::move(make)});
 }
 
 bool TavloAgent::handOver(HandOver item) {
@@ -416,11 +424,18 @@ void TavloAgent::takeHandOver() {
       malloc_trim(0);
 #endif
     }
+    // Made here, before requestsProtector: the callers handed over only what they captured.
+    for (HandOver& item : taken) {
+      if (!item.make) continue;
+      item.request = item.make(*this);
+      item.make = nullptr;
+      if (item.request && refusesOversized(*item.request)) item.request.reset();
+    }
     std::lock_guard lock(requestsProtector);
     for (const HandOver& item : taken) {
       switch (item.kind) {
         case HandOver::Enqueue:
-          enqueue(item.request);
+          if (item.request) enqueue(item.request);
           break;
         case HandOver::ReconnectionPurge:
           purgeAudienceRequests();

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -128,6 +129,15 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   // The queue.
   /// Queues `request` without waiting; nil is ignored, an oversized one refused.
   void addRequestToQueue(std::shared_ptr<TavloRequest> request);
+  /// Makes a request on "TavloRequestHandler" from what `make` captured on the caller's
+  /// thread, then queues it as `addRequestToQueue` would (a null result is ignored). The
+  /// caller only pays for its capture: the dictionary is built, and its memory taken and
+  /// later freed, on the agent's thread. Requests keep the order of hand-over either way.
+  using RequestMaker = std::function<std::shared_ptr<TavloRequest>(TavloAgent&)>;
+  void addRequestMadeByHandler(RequestMaker make);
+  /// Whether `request` is too large to ever be sent (more than `maximumHitBytes`); says so
+  /// at error level. For a caller that checks before handing a made request over.
+  bool refusesOversized(const TavloRequest& request);
   std::string requestsFilePath();
 
   // Sending.
@@ -148,6 +158,10 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
     return defaults_.defaultParametersForRequest();
   }
   TavloParameters defaultParameters() { return defaults_.defaultParameters(); }
+  TavloDefaultParameters::HitDraw drawForHit() { return defaults_.drawForHit(); }
+  TavloParameters defaultParametersWith(TavloDefaultParameters::HitDraw draw) {
+    return defaults_.defaultParametersWith(std::move(draw));
+  }
   std::string userAgent() { return defaults_.userAgent(); }
   TavloString appleDID() { return defaults_.appleDID(); }
   double screenDiagonal() { return defaults_.screenDiagonal(); }
@@ -183,8 +197,12 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// kept in the order they came so that a reaction sees exactly the requests handed
   /// over before it.
   struct HandOver {
-    enum Kind { Enqueue, ReconnectionPurge, Wake } kind = Enqueue;
+    enum Kind { Enqueue, ReconnectionPurge, Wake };
+    HandOver(Kind kind = Enqueue, std::shared_ptr<TavloRequest> request = nullptr, RequestMaker make = nullptr)
+        : kind(kind), request(std::move(request)), make(std::move(make)) {}
+    Kind kind;
     std::shared_ptr<TavloRequest> request;
+    RequestMaker make;  // an Enqueue whose request is made when it is taken
   };
 
   TavloAgent(const TavloPlatform& platform, std::shared_ptr<TavloAuthManager> authManager,

@@ -35,7 +35,14 @@ std::shared_ptr<const TavloParameters> TavloDefaultParameters::defaultParameters
   return std::make_shared<const TavloParameters>(defaultParameters());
 }
 
-TavloParameters TavloDefaultParameters::defaultParameters() {
+TavloDefaultParameters::HitDraw TavloDefaultParameters::drawForHit() {
+  HitDraw draw;
+  draw.n = random_->nextUInt32();
+  draw.uid = uuidHandler_.UUID();
+  return draw;
+}
+
+TavloParameters TavloDefaultParameters::defaultParametersWith(HitDraw draw) {
   std::call_once(deviceFactsMade_, [this] {
     const std::optional<TavloScreen> screen = deviceInfo_->mainScreen();
     deviceFacts_ = {
@@ -51,8 +58,8 @@ TavloParameters TavloDefaultParameters::defaultParameters() {
     };
   });
   TavloParameters parameters = deviceFacts_;
-  parameters.emplace("n", std::to_string(random_->nextUInt32()));
-  parameters.emplace("uid", uuidHandler_.UUID().value_or("-"));
+  parameters.emplace("n", std::to_string(draw.n));
+  parameters.emplace("uid", draw.uid ? std::move(*draw.uid) : std::string("-"));
   return parameters;
 }
 

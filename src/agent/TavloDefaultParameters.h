@@ -1,6 +1,7 @@
 // The parameters every hit starts from, the "User-Agent" text and device facts.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,7 +32,19 @@ class TavloDefaultParameters {
   /// system version, "ds" the diagonal to one decimal, "tn" "tvOS".
   std::shared_ptr<const TavloParameters> defaultParametersForRequest();
   /// The same dictionary by value, for a tagger that adds its own keys to it.
-  TavloParameters defaultParameters();
+  TavloParameters defaultParameters() { return defaultParametersWith(drawForHit()); }
+
+  /// What is drawn afresh for each hit: "n" and "uid" as they stand when the hit is made.
+  struct HitDraw {
+    uint32_t n = 0;
+    TavloString uid;
+  };
+  /// Draws "n", then asks the identifier store for "uid". Cheap enough for the
+  /// application's thread, where a hit's time and identity are fixed.
+  HitDraw drawForHit();
+  /// The eleven defaults with the values of `draw`. A hit whose dictionary is made later,
+  /// off the application's thread, still carries what was drawn when it was made.
+  TavloParameters defaultParametersWith(HitDraw draw);
 
   /// "<bundle name>/<bundle version> Tavlo SDK v<version> apple <tv|ipad|iphone>", with
   /// "(null)" standing for a missing name or version.

@@ -1,9 +1,12 @@
 #include "tavlo/TavloAudienceTagger.h"
 
+#include <initializer_list>
 #include <mutex>
+#include <vector>
 
 #include "agent/TavloAgent.h"
 #include "platform/TavloLogger.h"
+#include "tagging/TavloHitParameter.h"
 #include "tagging/TavloTaggerID.h"
 #include "tagging/TavloText.h"
 #include "util/TavloLogSafe.h"
@@ -54,9 +57,8 @@ std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::TavloAudienceTaggerWit
 
 void TavloAudienceTagger::addParam(const TavloString& value, const std::string& key, TavloParameters* dictionary,
                                    std::size_t limit) {
-  if (!value || value->empty() || key.empty() || dictionary == nullptr) return;
-  // Cuts count UTF-16 code units, as the collection server's other clients count them.
-  (*dictionary)[key] = (limit != 0 && TavloUTF16Length(*value) > limit) ? TavloUTF16Prefix(*value, limit) : *value;
+  if (dictionary == nullptr) return;
+  TavloAddHitParameter(*dictionary, key, value, limit);
 }
 
 void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const TavloString& level2,
@@ -64,7 +66,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   const std::shared_ptr<TavloAgent> agent = agent_.lock();
   if (!agent) return;
   // Without a serial the hit could only reach the collection server unattributed.
-  const TavloString mySerial = serial();
+  TavloString mySerial = serial();
   if (!mySerial || mySerial->empty()) {
     TavloLogger::log("TavloAudienceTagger - Hit dropped: this tagger has no serial", TavloLoggingModeError);
     return;
@@ -77,22 +79,57 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
     return;
   }
 
-  auto parameters = std::make_shared<TavloParameters>(agent->defaultParameters());
-  addParam(level1, "c", parameters.get());
-  addParam(level2, "p", parameters.get());
-  addParam(level3, "l3", parameters.get());
-  addParam(level4, "l4", parameters.get());
-  if (useIDFA()) addParam(agent->appleDID(), "did", parameters.get());
-  addParam(customerData(), "crmid", parameters.get());
-  for (int level = 1; level <= kNewLevelCount; ++level) {
-    addParam(newLevel(level), kFreeLevelKeys[level - 1], parameters.get(), kLevelLengthLimit);
-  }
-  addParam(mediaContentId(), "msCid", parameters.get(), kLevelLengthLimit);
-  addParam(mediaDiffMode(), "msDm", parameters.get(), kLevelLengthLimit);
-  addParam(mediaChannel(), "msCh", parameters.get(), kLevelLengthLimit);
-  addParam(netMeasurement(), "miCh", parameters.get(), kLevelLengthLimit);
+  // What the hit is made of is fixed here, as the call found it; the dictionary itself is
+  // built on the agent's handler thread, so the application's thread neither builds it
+  // nor takes (and later frees) its memory. Only the values present are captured: what
+  // waits in the hand-over stays small however many hits wait.
+  TavloDefaultParameters::HitDraw draw = agent->drawForHit();
+  HitProperties properties = hitProperties();
+  TavloString did = properties.useIDFA ? agent->appleDID() : std::nullopt;
+  const TavloDate now = agent->platform().clock->now();
+  TavloString theCustomerData = customerData();
 
-  agent->addRequestToQueue(TavloRequest::TavloRequestWithParameters(
-      std::move(parameters), TavloRequestTypeAudience, TavloSendingModeLive, mySerial, taggerID_,
-      agent->platform().clock->now()));
+  struct Value {
+    const char* key;
+    std::string text;
+    std::size_t limit;
+  };
+  std::vector<Value> values;
+  const auto capture = [&values](TavloString& value, const char* key, std::size_t limit = 0) {
+    if (value && !value->empty()) values.push_back({key, std::move(*value), limit});
+  };
+  const auto countPresent = [](std::initializer_list<const TavloString*> texts) {
+    std::size_t count = 0;
+    for (const TavloString* text : texts) count += *text && !(*text)->empty();
+    return count;
+  };
+  std::size_t present = countPresent({&level1, &level2, &level3, &level4, &did, &theCustomerData,
+                                      &properties.mediaContentId, &properties.mediaDiffMode,
+                                      &properties.mediaChannel, &properties.netMeasurement});
+  for (const TavloString& level : properties.newLevels) present += level && !level->empty();
+  values.reserve(present);
+  TavloString levels[4] = {level1, level2, level3, level4};
+  capture(levels[0], "c");
+  capture(levels[1], "p");
+  capture(levels[2], "l3");
+  capture(levels[3], "l4");
+  if (properties.useIDFA) capture(did, "did");
+  capture(theCustomerData, "crmid");
+  for (int level = 1; level <= kNewLevelCount; ++level) {
+    capture(properties.newLevels[level - 1], kFreeLevelKeys[level - 1], kLevelLengthLimit);
+  }
+  capture(properties.mediaContentId, "msCid", kLevelLengthLimit);
+  capture(properties.mediaDiffMode, "msDm", kLevelLengthLimit);
+  capture(properties.mediaChannel, "msCh", kLevelLengthLimit);
+  capture(properties.netMeasurement, "miCh", kLevelLengthLimit);
+
+  agent->addRequestMadeByHandler([values = std::move(values), draw = std::move(draw), serial = std::move(mySerial),
+                                  taggerID = taggerID_, now](TavloAgent& agent) mutable {
+    TavloParameters parameters = agent.defaultParametersWith(std::move(draw));
+    // In the order of capture: a later key replaces an earlier value, a default's included.
+    for (Value& value : values) TavloAddHitParameter(parameters, value.key, std::move(value.text), value.limit);
+    return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
+                                                    TavloRequestTypeAudience, TavloSendingModeLive, std::move(serial),
+                                                    std::move(taggerID), now);
+  });
 }

@@ -52,6 +52,11 @@ TavloString TavloTagger::newLevel(int index) const {
   return newLevels_[index - 1];
 }
 
+TavloTagger::HitProperties TavloTagger::hitProperties() const {
+  std::lock_guard lock(mutex_);
+  return HitProperties{useIDFA_, newLevels_, mediaContentId_, mediaDiffMode_, mediaChannel_, netMeasurement_};
+}
+
 void TavloTagger::setNewLevel(int index, TavloString level) {
   std::lock_guard lock(mutex_);
   newLevels_[index - 1] = std::move(level);

@@ -1,7 +1,9 @@
+#include <future>
 #include <thread>
 
 #include "support/TavloAgentFixture.h"
 #include "support/TavloFixedAdvertisingIdProvider.h"
+#include "support/TavloFixedDeviceInfo.h"
 #include "tagging/TavloTaggerID.h"
 #include "tavlo/TavloAudienceTagger.h"
 
@@ -87,6 +89,44 @@ TEST_F(TavloAudienceTaggerTest, TheAdvertisingIdentifierIsSentOnlyWhenAskedAndAv
     EXPECT_EQ(c.did, did == request->parameters()->end() ? TavloString() : TavloString(did->second))
         << "useIDFA " << c.useIDFA << " provided " << c.provided.value_or("(nil)");
   }
+}
+
+// The agent makes the dictionary on its own thread, later: what the hit carries must
+// still be what the call and the tagger said at the time of the call.
+TEST_F(TavloAudienceTaggerTest, AHitCarriesWhatTheTaggerHeldWhenItWasSentNotWhenItIsMade) {
+  // Holds the agent's handler inside the first hit's making until the test lets it go.
+  struct GatedDeviceInfo : TavloFixedDeviceInfo {
+    std::shared_future<void> open;
+    std::optional<TavloScreen> mainScreen() override {
+      open.wait();
+      return TavloFixedDeviceInfo::mainScreen();
+    }
+  };
+  std::promise<void> gate;
+  auto deviceInfo = std::make_shared<GatedDeviceInfo>();
+  deviceInfo->open = gate.get_future().share();
+  test.platform.deviceInfo = deviceInfo;
+  startAgent();
+  goOffline();
+
+  auto t = tagger("123", "42");
+  t->setNewLevel1("then");
+  t->setMediaChannel("then");
+  std::string level = "home";
+  t->sendHitWithLevel1(level, "then");
+  level = "changed";
+  t->setNewLevel1("now");
+  t->setMediaChannel(std::nullopt);
+  t->setNewLevel2("now");
+  t->setUseIDFA(true);
+  gate.set_value();
+
+  const auto parameters = onlyQueued()->parameters();
+  const TavloParameters expected{{"c", "home"}, {"p", "then"}, {"crmid", "42"}, {"ml1", "then"}, {"msCh", "then"}};
+  for (const auto& [key, value] : expected) {
+    EXPECT_EQ(value, parameters->count(key) ? parameters->at(key) : "(absent)") << key;
+  }
+  for (const char* absent : {"ml2", "did"}) EXPECT_EQ(0u, parameters->count(absent)) << absent;
 }
 
 TEST_F(TavloAudienceTaggerTest, ACachedRefusalDropsTheHitSilently) {
