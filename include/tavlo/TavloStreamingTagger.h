@@ -200,8 +200,12 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
   bool authorizedEventLocked(TavloStreamingEvent event) const;
   TavloSendingMode currentModeLocked() const;
   uint64_t TavloStreamingEventToIntegerValueLocked(uint64_t event) const;
-  std::shared_ptr<TavloRequest> generateRequestLocked(const std::string& eventType, uint64_t event,
-                                                      const HitEnvironment& environment, PendingLines& lines);
+  // Takes the defaults out of `environment`: each environment makes one hit. A `rank`
+  // above 0 is written into the hit as "cmsRK", as addRequestToAgentLocked would.
+  std::shared_ptr<TavloRequest> generateRequestLocked(const char* eventType, uint64_t event,
+                                                      HitEnvironment& environment, PendingLines& lines,
+                                                      int64_t rank);
+  // Ranks `request` and puts it in the outbox.
   void addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request);
   void recordPositionLocked(int64_t position);
   void startPollingLocked();

@@ -33,28 +33,48 @@ bool isPlainDescriptionCharacter(unsigned char c) {
 }
 
 // Descriptions go into log lines: a value's line breaks and other controls are written
-// as escapes, so no value can end the line it stands in.
-std::string quotedForDescription(const std::string& text) {
+// as escapes, so no value can end the line it stands in. Appends to `out` rather than
+// returning a string: the streaming tagger writes a description on every hit.
+void appendQuotedForDescription(std::string& out, const std::string& text) {
   bool plain = !text.empty();
   for (unsigned char c : text) plain = plain && isPlainDescriptionCharacter(c);
-  if (plain) return text;
+  if (plain) {
+    out.append(text);
+    return;
+  }
   std::string quoted = "\"";
   for (char c : text) {
     if (c == '"' || c == '\\') quoted += '\\';
     quoted += c;
   }
   quoted += '"';
-  return TavloLogSafe(quoted);
+  out.append(TavloLogSafe(quoted));
 }
 }  // namespace
 
-std::string TavloParametersDescription(const TavloParameters* parameters) {
-  if (parameters == nullptr) return "(null)";
-  std::string text = "{\n";
-  for (const auto& [key, value] : *parameters) {
-    text.append("    ").append(quotedForDescription(key)).append(" = ").append(quotedForDescription(value)).append(";\n");
+void TavloAppendParametersDescription(std::string& out, const TavloParameters* parameters) {
+  if (parameters == nullptr) {
+    out.append("(null)");
+    return;
   }
-  text += "}";
+  size_t length = 3;
+  for (const auto& [key, value] : *parameters) length += key.size() + value.size() + 12;
+  out.reserve(out.size() + length);
+  out += '{';
+  out += '\n';
+  for (const auto& [key, value] : *parameters) {
+    out.append("    ");
+    appendQuotedForDescription(out, key);
+    out.append(" = ");
+    appendQuotedForDescription(out, value);
+    out.append(";\n");
+  }
+  out.append("}");
+}
+
+std::string TavloParametersDescription(const TavloParameters* parameters) {
+  std::string text;
+  TavloAppendParametersDescription(text, parameters);
   return text;
 }
 
@@ -293,7 +313,7 @@ TavloString TavloRequest::url(int32_t networkStatus, double clockDelta, const Ta
   if (parameters) {
     for (const auto& [key, value] : *parameters) {
       if (key == "m_ntwk") continue;
-      assembled += "&" + urlEncode(key) + "=" + urlEncode(value);
+      assembled.append("&").append(urlEncode(key)).append("=").append(urlEncode(value));
     }
   }
   if (requestType() == TavloRequestTypeStreaming) {
@@ -311,6 +331,15 @@ TavloString TavloRequest::url(int32_t networkStatus, double clockDelta, const Ta
 }
 
 void TavloRequest::setTheRank(int64_t rank) { setParameter("cmsRK", std::to_string(rank)); }
+
+void TavloRequest::copyParametersOnThisThread() {
+  std::shared_ptr<const TavloParameters> copy;
+  std::shared_ptr<const TavloParameters> original = parameters();
+  if (original) copy = std::make_shared<const TavloParameters>(*original);
+  std::lock_guard lock(mutex_);
+  // Replaced only if unchanged meanwhile: a newer dictionary is never undone.
+  if (parameters_ == original) parameters_ = std::move(copy);
+}
 
 void TavloRequest::transformToStop() {
   std::lock_guard lock(mutex_);

@@ -120,6 +120,13 @@ class TavloRequest : public TavloCodable {
   /// Sets "cmsRK" to `rank`.
   void setTheRank(int64_t rank);
 
+  /// Replaces the parameters by an equal copy allocated on the calling thread. The agent's
+  /// handler does this for the hits a tagger made on the application's thread: a queued
+  /// hit may wait long, and its dictionary is then the agent's memory, while the memory
+  /// the application's thread used is freed at once and serves its next hit (instead of
+  /// the next hit touching fresh pages, which costs the caller a page fault each).
+  void copyParametersOnThisThread();
+
   /// Turns the request into a stop event: "cmsPS" "12" and "cmsRK" one more than its
   /// leading integer (0 when absent). Type, mode, date and identity stay.
   void transformToStop();
@@ -158,3 +165,5 @@ class TavloRequest : public TavloCodable {
 /// keys sorted, strings quoted when they hold anything but letters, digits and "_$+/:.-",
 /// with control characters inside them escaped (TavloLogSafe).
 std::string TavloParametersDescription(const TavloParameters* parameters);
+/// The same text, appended to `out`.
+void TavloAppendParametersDescription(std::string& out, const TavloParameters* parameters);

@@ -11,6 +11,7 @@
 #include "request/TavloRequest.h"
 #include "tagging/TavloLocked.h"
 #include "streaming/TavloTimer.h"
+#include "tagging/TavloHitParameter.h"
 #include "tagging/TavloTaggerID.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "util/TavloLogSafe.h"
@@ -30,8 +31,8 @@ constexpr const char* kDumpRule = "------------------------------";
 
 // The parameter rule shared by both taggers: absent or empty values are left out and
 // limits count UTF-16 code units.
-void addParam(const TavloString& value, const std::string& key, TavloParameters& dictionary, std::size_t limit = 0) {
-  TavloAudienceTagger::addParam(value, key, &dictionary, limit);
+void addParam(TavloString value, std::string_view key, TavloParameters& dictionary, std::size_t limit = 0) {
+  TavloAddHitParameter(dictionary, key, std::move(value), limit);
 }
 
 bool isBlankOnly(const TavloString& text) {
@@ -77,7 +78,7 @@ struct TavloStreamingTagger::Setup {
 };
 
 struct TavloStreamingTagger::HitEnvironment {
-  std::shared_ptr<const TavloParameters> defaults;
+  TavloParameters defaults;  // this hit's own copy, which the hit's dictionary grows from
   std::string model;
   bool useIDFA = false;
   TavloString did;
@@ -85,11 +86,13 @@ struct TavloStreamingTagger::HitEnvironment {
 };
 
 // A log line waiting for the lock to be released: through the logger, or, for the
-// parameter dump, straight to the log sink whatever the threshold.
+// parameter dump, straight to the log sink whatever the threshold. A fixed text is kept
+// as a pointer to it, not copied.
 struct TavloStreamingTagger::PendingLine {
   std::string text;
   int64_t mode = TavloLoggingModeInfo;
   bool direct = false;
+  const char* fixedText = nullptr;  // when set, written instead of `text`
 };
 
 TavloStreamingTagger::TavloStreamingTagger(Setup&& setup)
@@ -300,9 +303,10 @@ void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t positi
   if (!agent) return;
   const bool refused = accessRefusesStreaming(*agent);
   // Gathered before the lock, so the lock is never held while the agent works.
-  const HitEnvironment environment = refused ? HitEnvironment{} : this->environment(*agent);
+  HitEnvironment environment = refused ? HitEnvironment{} : this->environment(*agent);
 
   PendingLines lines;
+  lines.reserve(4);
   {
     std::lock_guard lock(stateProtector);
     if (refused) {
@@ -317,24 +321,29 @@ void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t positi
       hasBeenPaused_ = true;
     }
     if (!authorizedEventLocked(static_cast<TavloStreamingEvent>(accepted))) {
-      lines.push_back({std::string("TavloStreamingTagger - Event ") + eventName(accepted) + " refused after " +
-                           eventName(lastEvent_),
-                       TavloLoggingModeInfo});
+      if (TavloLogger::wouldLog(TavloLoggingModeInfo)) {
+        lines.push_back({std::string("TavloStreamingTagger - Event ") + eventName(accepted) + " refused after " +
+                             eventName(lastEvent_),
+                         TavloLoggingModeInfo});
+      }
     } else {
       lastEvent_ = accepted;
       if (position != TavloStreamingTaggerUnknownLocation) recordPositionLocked(position);
       const bool makesHit = accepted != TavloStreamingEventPlay || currentModeLocked() == TavloSendingModeLive;
       if (makesHit) {
-        const auto request = generateRequestLocked("state", accepted, environment, lines);
+        // A hit handed over at once is made with its rank; a throttled one is ranked when
+        // it is sent, if it is.
+        const bool throttled = accepted != TavloStreamingEventStop && lastSentRequest_;
+        const auto request = generateRequestLocked("state", accepted, environment, lines, throttled ? 0 : ++rank_);
         if (accepted == TavloStreamingEventStop) {
           request->setShouldRenewSessionAfter(true);
-          addRequestToAgentLocked(request);
+          outbox_.push_back(request);
           resetTaggerLocked();
-        } else if (lastSentRequest_) {
-          lines.push_back({"TavloStreamingTagger - Throttle request", TavloLoggingModeWarning});
+        } else if (throttled) {
+          lines.push_back({std::string(), TavloLoggingModeWarning, false, "TavloStreamingTagger - Throttle request"});
           lastThrottledRequest_ = request;
         } else {
-          addRequestToAgentLocked(request);
+          outbox_.push_back(request);
           lastSentRequest_ = request;
           timerThrottle_ = TavloTimer::TavloTimerWithInterval(platform_.mainQueue, kThrottlePeriod, weak_from_this(),
                                                               &TavloStreamingTagger::handleThrottledEvent, false);
@@ -384,7 +393,7 @@ void TavloStreamingTagger::recordPositionLocked(int64_t position) {
 
 TavloStreamingTagger::HitEnvironment TavloStreamingTagger::environment(TavloAgent& agent) const {
   HitEnvironment environment;
-  environment.defaults = agent.defaultParametersForRequest();
+  environment.defaults = agent.defaultParameters();
   environment.model = platform_.deviceInfo ? platform_.deviceInfo->model() : std::string();
   environment.useIDFA = useIDFA();
   if (environment.useIDFA) environment.did = agent.appleDID();
@@ -397,10 +406,10 @@ bool TavloStreamingTagger::accessRefusesStreaming(TavloAgent& agent) const {
   return cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeStreaming));
 }
 
-std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const std::string& eventType, uint64_t event,
-                                                                          const HitEnvironment& environment,
-                                                                          PendingLines& lines) {
-  TavloParameters parameters = environment.defaults ? *environment.defaults : TavloParameters{};
+std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const char* eventType, uint64_t event,
+                                                                          HitEnvironment& environment,
+                                                                          PendingLines& lines, int64_t rank) {
+  TavloParameters parameters = std::move(environment.defaults);
   const std::size_t count = positions_.size();
   int64_t current = count >= 1 ? positions_.back() : 0;
   if (event == TavloStreamingEventStop && !(count >= 1 && positions_.back() > 0)) {
@@ -409,7 +418,7 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const 
   }
   const int64_t previous = count >= 2 ? positions_[count - 2] : 0;
 
-  addParam(eventType, "cmsEV", parameters);
+  addParam(std::string(eventType), "cmsEV", parameters);
   addParam(std::to_string(current), "cmsPO", parameters);
   addParam(std::to_string(previous), "cmsOP", parameters);
   addParam(std::to_string(TavloStreamingEventToIntegerValueLocked(event)), "cmsPS", parameters);
@@ -419,10 +428,11 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const 
   addParam(environment.model, "cmsPL", parameters);
   if (environment.useIDFA) addParam(environment.did, "did", parameters);
 
-  lines.push_back({kDumpRule, TavloLoggingModeInfo, true});
-  lines.push_back({std::to_string(environment.useIDFA ? 1 : 0) + " " + TavloParametersDescription(&parameters),
-                   TavloLoggingModeInfo, true});
-  lines.push_back({kDumpRule, TavloLoggingModeInfo, true});
+  std::string dump = environment.useIDFA ? "1 " : "0 ";
+  TavloAppendParametersDescription(dump, &parameters);
+  lines.push_back({std::string(), TavloLoggingModeInfo, true, kDumpRule});
+  lines.push_back({std::move(dump), TavloLoggingModeInfo, true});
+  lines.push_back({std::string(), TavloLoggingModeInfo, true, kDumpRule});
 
   addParam(mediaProvider_, "dom", parameters);
   addParam(mediaName_, "cmsSN", parameters);
@@ -435,13 +445,16 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const 
   addParam(level4_, "cmsS4", parameters);
   addParam(level5_, "cmsS5", parameters);
   addParam(customerData(), "crmid", parameters);
+  HitProperties properties = hitProperties();
   for (int level = 1; level <= kNewLevelCount; ++level) {
-    addParam(newLevel(level), kFreeLevelKeys[level - 1], parameters, kLevelLengthLimit);
+    addParam(std::move(properties.newLevels[level - 1]), kFreeLevelKeys[level - 1], parameters, kLevelLengthLimit);
   }
-  addParam(mediaContentId(), "msCid", parameters, kLevelLengthLimit);
-  addParam(mediaDiffMode(), "msDm", parameters, kLevelLengthLimit);
-  addParam(mediaChannel(), "msCh", parameters, kLevelLengthLimit);
-  addParam(netMeasurement(), "miCh", parameters, kLevelLengthLimit);
+  addParam(std::move(properties.mediaContentId), "msCid", parameters, kLevelLengthLimit);
+  addParam(std::move(properties.mediaDiffMode), "msDm", parameters, kLevelLengthLimit);
+  addParam(std::move(properties.mediaChannel), "msCh", parameters, kLevelLengthLimit);
+  addParam(std::move(properties.netMeasurement), "miCh", parameters, kLevelLengthLimit);
+  // What setTheRank would write, without copying the dictionary to write it.
+  if (rank > 0) parameters.insert_or_assign("cmsRK", std::to_string(rank));
 
   return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
                                                   TavloRequestTypeStreaming, currentModeLocked(), serial(), taggerID_,
@@ -463,7 +476,14 @@ void TavloStreamingTagger::drainOutbox(TavloAgent& agent) {
     const std::shared_ptr<TavloRequest> request = std::move(outbox_.front());
     outbox_.pop_front();
     lock.unlock();
-    agent.addRequestToQueue(request);
+    // The hit's dictionary is copied by the agent's handler before it is queued: this
+    // thread's memory comes back to it at once instead of waiting in the queue.
+    if (!agent.refusesOversized(*request)) {
+      agent.addRequestMadeByHandler([request](TavloAgent&) {
+        request->copyParametersOnThisThread();
+        return request;
+      });
+    }
     lock.lock();
   }
   draining_ = false;
@@ -483,10 +503,11 @@ void TavloStreamingTagger::resetTaggerLocked() {
 
 void TavloStreamingTagger::emit(const PendingLines& lines) const {
   for (const PendingLine& line : lines) {
+    const std::string_view text = line.fixedText ? std::string_view(line.fixedText) : std::string_view(line.text);
     if (!line.direct) {
-      TavloLogger::log(line.text, line.mode);
+      TavloLogger::log(text, line.mode);
     } else if (platform_.logSink) {
-      platform_.logSink->writeLine(line.text, TavloLogLevel::Info);
+      platform_.logSink->writeLine(text, TavloLogLevel::Info);
     }
   }
 }
@@ -550,10 +571,12 @@ void TavloStreamingTagger::poll(const std::shared_ptr<TavloTimer>& timer) {
       return;
     }
     if (current && *current > 0) recordPositionLocked(*current);
-    lines.push_back({"TavloStreamingTagger - Polling at " + std::to_string(seconds) + " sec - Generating request",
-                     TavloLoggingModeInfo});
+    if (TavloLogger::wouldLog(TavloLoggingModeInfo)) {
+      lines.push_back({"TavloStreamingTagger - Polling at " + std::to_string(seconds) + " sec - Generating request",
+                       TavloLoggingModeInfo});
+    }
     // A poll during a pause carries the pause's code: the server sees the medium paused.
-    addRequestToAgentLocked(generateRequestLocked("polling", lastEvent_, environment, lines));
+    outbox_.push_back(generateRequestLocked("polling", lastEvent_, environment, lines, ++rank_));
   }
   emit(lines);
   drainOutbox(*agent);
@@ -573,7 +596,7 @@ void TavloStreamingTagger::handleThrottledEvent(const std::shared_ptr<TavloTimer
       };
       // A burst that ends in the state already reported adds nothing.
       if (code(lastThrottledRequest_) != code(lastSentRequest_)) {
-        lines.push_back({"TavloStreamingTagger - Throttled request sent", TavloLoggingModeWarning});
+        lines.push_back({std::string(), TavloLoggingModeWarning, false, "TavloStreamingTagger - Throttled request sent"});
         addRequestToAgentLocked(lastThrottledRequest_);
       }
     }
