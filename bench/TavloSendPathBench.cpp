@@ -9,6 +9,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
@@ -24,6 +25,7 @@
 #include "platform/TavloCurlHttpClient.h"
 #include "platform/TavloLogger.h"
 #include "support/TavloTestPlatform.h"
+#include "tavlo/platform/TavloLogSink.h"
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloStreamingTagger.h"
@@ -207,6 +209,21 @@ BENCHMARK(BM_SendLoopCpuPerStreamingHitFromTheQueueFile)->Iterations(3)->Unit(be
 
 // ---- The caller's cost ----
 
+// Counts the lines and keeps none: a sink that kept them (the test kit's capturing one)
+// would add its own growing memory to every call measured here.
+struct CountingLogSink : TavloLogSink {
+  void writeLine(std::string_view, TavloLogLevel) override { lines.fetch_add(1, std::memory_order_relaxed); }
+  std::atomic<uint64_t> lines{0};
+};
+
+// The test platform, offline, with the counting sink.
+TavloTestPlatform callerPlatform() {
+  TavloTestPlatform test = TavloMakeTestPlatform();
+  test.reachability->setFlags(0);
+  test.platform.logSink = std::make_shared<CountingLogSink>();
+  return test;
+}
+
 template <typename Call>
 std::vector<double> timeEach(int count, Call call) {
   std::vector<double> micros;
@@ -220,8 +237,7 @@ std::vector<double> timeEach(int count, Call call) {
 }
 
 void BM_CallerCostOfAnAudienceHit(benchmark::State& state) {
-  TavloTestPlatform test = TavloMakeTestPlatform();
-  test.reachability->setFlags(0);
+  TavloTestPlatform test = callerPlatform();
   auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
   auto tagger = TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, "S1", std::nullopt);
   const TavloParameters sample = agent->defaultParameters();
@@ -245,15 +261,14 @@ void BM_CallerCostOfAnAudienceHit(benchmark::State& state) {
 BENCHMARK(BM_CallerCostOfAnAudienceHit)->Iterations(5)->Unit(benchmark::kMillisecond);
 
 void BM_CallerCostOfAStreamingEvent(benchmark::State& state) {
-  TavloTestPlatform test = TavloMakeTestPlatform();
-  test.reachability->setFlags(0);
+  TavloTestPlatform test = callerPlatform();
   auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
   auto tagger = TavloStreamingTagger::TavloStreamingTaggerWithSerial(agent, "S1", "Film", 50, "http://m", 3600,
                                                                       TavloStreamingTypeNoPosition);
   std::vector<double> calls, floor;
   for (auto _ : state) {
     for (int i = 0; i < 1000; ++i) {
-      test.clock->advance(2);  // never within the throttle's second
+      test.mainQueue->advanceBy(2);  // the throttle's timer fires: no event is held back
       const auto event = i % 2 ? TavloStreamingEventPause : TavloStreamingEventPlay;
       calls.push_back(timeEach(1, [&](int) { tagger->notifyEvent(event, i); }).front());
     }
