@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "tavlo/TavloExport.h"
 
@@ -27,3 +28,11 @@ TAVLO_EXPORT bool TavloWaitForPendingHits(double timeoutSeconds);
 /// the queue file for the next start; later hits are dropped. Idempotent; any thread but
 /// the library's own.
 TAVLO_EXPORT void TavloShutdown();
+
+/// Sets the process-wide logging threshold, as `TavloTagger::setLoggingMode` does, without
+/// a tagger: `0` writes information, warnings and errors; `1` warnings and errors; `2`
+/// (the default) errors only; `3` or more, or a negative value, nothing. Any thread; it
+/// does not start the library.
+TAVLO_EXPORT void TavloSetLoggingMode(int64_t mode);
+/// The process-wide logging threshold last set, by this call or through any tagger.
+TAVLO_EXPORT int64_t TavloGetLoggingMode();

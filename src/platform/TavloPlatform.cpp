@@ -91,7 +91,7 @@ void TavloMarkInstalledPlatformTaken() {
   state.taken = true;
 }
 
-void TavloPlatform::install(TavloPlatform platform) {
+bool TavloPlatform::install(TavloPlatform platform) {
   InstalledState& state = installedState();
   bool tooLate = false;
   {
@@ -106,6 +106,7 @@ void TavloPlatform::install(TavloPlatform platform) {
                      "the running agent keeps the platform it started with",
                      TavloLoggingModeWarning);
   }
+  return !tooLate;
 }
 
 TavloPlatform TavloPlatform::installed() {

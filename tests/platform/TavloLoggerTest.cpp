@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/TavloLoggingFixture.h"
+#include "tavlo/TavloApplication.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 
@@ -35,7 +36,8 @@ TEST_F(TavloLogger_, ThresholdAndLevelCompareAsUnsignedNumbers) {
   };
   for (const Case& c : cases) {
     test.logSink->clear();
-    TavloLogger::sharedLogger().setLoggingMode(c.threshold);
+    TavloSetLoggingMode(c.threshold);  // no tagger needed
+    ASSERT_EQ(c.threshold, TavloGetLoggingMode());
     TavloLogger::log("message", c.mode);
     const auto lines = test.logSink->lines();
     if (c.printed == nullptr) {
@@ -57,10 +59,10 @@ TEST_F(TavloLogger_, StartsWithErrorsOnlyAndFollowsTheInstalledSink) {
 
 TEST_F(TavloLogger_, InstallingAfterTheLibraryStartedSaysItComesTooLate) {
   TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeWarning);
-  TavloPlatform::install(test.platform);
+  EXPECT_TRUE(TavloPlatform::install(test.platform));
   EXPECT_FALSE(test.logSink->contains("called after the library started")) << "nothing has started yet";
   TavloMarkInstalledPlatformTaken();
-  TavloPlatform::install(test.platform);
+  EXPECT_FALSE(TavloPlatform::install(test.platform)) << "the caller learns that only the sink changed";
   EXPECT_TRUE(test.logSink->contains("(WARNING) : TavloPlatform::install was called after the library started"));
 }
 

@@ -49,8 +49,10 @@ struct TAVLO_EXPORT TavloPlatform {
 
   /// Makes `platform` the one the process-wide singletons use. Missing seams are filled
   /// from `linuxDefaults()`. The log sink takes effect at once for every later line; the
-  /// other seams only for singletons not made yet (a late call says so in a WARNING line).
-  static void install(TavloPlatform platform);
+  /// other seams only for singletons not made yet. True when every seam took effect;
+  /// false when the library had already started, so only the log sink changed (also said
+  /// in a WARNING line).
+  static bool install(TavloPlatform platform);
 
   /// The installed platform (the Linux defaults if none was installed).
   static TavloPlatform installed();
