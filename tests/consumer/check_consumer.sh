@@ -1,8 +1,8 @@
 #!/bin/sh
-# Installs the built project into a fresh prefix and builds the consumer application
-# against it twice, through CMake (find_package) and through pkg-config, each time linked
-# with the shared and with the static library, then runs the four programs.
-# Usage: check_consumer.sh BUILD_DIR WORK_DIR CXX GENERATOR [EXTRA_FLAGS]
+# Installs the built project into a fresh prefix and builds the C++ consumer application
+# and the pure C one against it, through CMake (find_package) and through pkg-config, each
+# time linked with the shared and with the static library, then runs the eight programs.
+# Usage: check_consumer.sh BUILD_DIR WORK_DIR CXX GENERATOR [EXTRA_FLAGS [CC]]
 # EXTRA_FLAGS are given to every compile and link (the sanitizers the project was built with).
 set -eu
 
@@ -11,6 +11,7 @@ work=$2
 cxx=$3
 generator=$4
 flags=${5:-}
+cc=${6:-cc}
 consumer=$(cd "$(dirname "$0")" && pwd)
 
 fail() {
@@ -42,6 +43,12 @@ cmake -S "$consumer" -B "$work/cmake" -G "$generator" -DCMAKE_PREFIX_PATH="$pref
   -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/cmake-configure.log" 2>&1 \
   || fail "the consumer does not configure: $(cat "$work/cmake-configure.log")"
 cmake --build "$work/cmake" >"$work/cmake-build.log" 2>&1 || fail "the consumer does not build: $(cat "$work/cmake-build.log")"
+# A C project never enables C++: the package must bring the C++ runtime itself.
+cmake -S "$consumer/c" -B "$work/cmake-c" -G "$generator" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$flags" >"$work/cmake-c-configure.log" 2>&1 \
+  || fail "the C consumer does not configure: $(cat "$work/cmake-c-configure.log")"
+cmake --build "$work/cmake-c" >"$work/cmake-c-build.log" 2>&1 \
+  || fail "the C consumer does not build: $(cat "$work/cmake-c-build.log")"
 
 # Through pkg-config. --static adds what libtavlo.a needs; -l:libtavlo.a then picks the
 # archive where -ltavlo would pick the shared library.
@@ -62,9 +69,16 @@ static_libs=$(printf '%s' "$static_libs" | sed 's/-ltavlo\( \|$\)/-l:libtavlo.a\
 # shellcheck disable=SC2086
 "$cxx" -std=c++20 $flags $cflags "$consumer/main.cpp" -o "$work/pkg-config-static" $static_libs \
   || fail "the consumer does not build with pkg-config --static --libs"
+# shellcheck disable=SC2086
+"$cc" -std=c11 $flags $cflags "$consumer/c/main.c" -o "$work/pkg-config-c-shared" $libs \
+  || fail "the C consumer does not build with pkg-config --libs"
+# shellcheck disable=SC2086
+"$cc" -std=c11 $flags $cflags "$consumer/c/main.c" -o "$work/pkg-config-c-static" $static_libs \
+  || fail "the C consumer does not build with a C compiler and pkg-config --static --libs"
 
 # Run them all, keeping the library's files out of the user's home.
-for program in cmake/consumer_shared cmake/consumer_static pkg-config-shared pkg-config-static; do
+for program in cmake/consumer_shared cmake/consumer_static pkg-config-shared pkg-config-static \
+    cmake-c/c_consumer_shared cmake-c/c_consumer_static pkg-config-c-shared pkg-config-c-static; do
   if ! output=$(XDG_DATA_HOME="$work/data" LD_LIBRARY_PATH="$libdir" "$work/$program" 2>"$work/run.log"); then
     fail "$program exits with an error: $output $(cat "$work/run.log")"
   fi
