@@ -27,10 +27,10 @@
 #include <vector>
 
 #include "agent/TavloAgent.h"
-#include "platform/TavloCurlHttpClient.h"
+#include "linux/TavloCurlHttpClient.h"
 #include "platform/TavloLogger.h"
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "support/TavloTestPlatform.h"
 #include "support/TavloTestServer.h"

@@ -16,9 +16,9 @@
 
 #include <plist/plist.h>
 
-#include "platform/TavloPosixFileSystem.h"
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "linux/TavloPosixFileSystem.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "support/TavloLibplistKeyedArchiver.h"
 #include "support/TavloSampleQueue.h"

@@ -15,8 +15,8 @@
 #include <memory>
 #include <vector>
 
-#include "platform/TavloNetlinkReachabilitySource.h"
-#include "platform/TavloNetlinkSocket.h"
+#include "linux/TavloNetlinkReachabilitySource.h"
+#include "linux/TavloNetlinkSocket.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "agent/TavloAgent.h"
-#include "platform/TavloCurlHttpClient.h"
+#include "linux/TavloCurlHttpClient.h"
 #include "platform/TavloLogger.h"
 #include "support/TavloTestPlatform.h"
 #include "tavlo/platform/TavloLogSink.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {

@@ -11,10 +11,10 @@
 #include "TavloJsonWriter.h"
 #include "TavloToolText.h"
 #include "auth/TavloAuth.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "request/TavloRequest.h"
-#include "tagging/TavloTaggerID.h"
+#include "identity/TavloTaggerID.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "request/TavloCodable.h"
+#include "archive/TavloCodable.h"
 
 /// A queue file read the way the agent reads it (the library's own unarchiver and record
 /// classes), plus the checks the agent does not make because it can simply drop what it

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "tagging/TavloCalendar.h"
+#include "util/TavloCalendar.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "tagging/TavloText.h"  // TavloNextCodePoint
+#include "util/TavloText.h"  // TavloNextCodePoint
 
 /// Appends `c` as a JSON/C-style escape, "\\u" and four upper-case hexadecimal digits.
 void TavloAppendUnicodeEscape(std::string& out, char32_t c);

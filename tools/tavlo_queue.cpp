@@ -15,7 +15,7 @@
 #include "agent/TavloQueueLocation.h"
 #include "agent/TavloSentJournal.h"
 #include "TavloQueueReport.h"
-#include "platform/TavloPosixFileSystem.h"
+#include "linux/TavloPosixFileSystem.h"
 #include "tavlo/TavloVersion.h"
 
 namespace {

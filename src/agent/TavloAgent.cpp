@@ -12,14 +12,14 @@
 
 #include "agent/TavloQueueLocation.h"
 #include "agent/TavloSentJournal.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 #include "request/TavloClearCache.h"
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
-#include "tagging/TavloCalendar.h"
 #include "tavlo/TavloAudienceTagger.h"
+#include "util/TavloCalendar.h"
 #include "util/TavloLogSafe.h"
 
 namespace {

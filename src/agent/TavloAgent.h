@@ -17,10 +17,10 @@
 #include "agent/TavloDefaultParameters.h"
 #include "agent/TavloSerialQueue.h"
 #include "auth/TavloAuthManager.h"
+#include "identity/TavloTaggerIdentifier.h"
 #include "platform/TavloNotificationCenter.h"
 #include "platform/TavloReachability.h"
 #include "request/TavloRequest.h"
-#include "tagging/TavloTaggerIdentifier.h"
 #include "tavlo/platform/TavloPlatform.h"
 
 class TavloAudienceTagger;

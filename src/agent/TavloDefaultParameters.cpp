@@ -1,6 +1,5 @@
 #include "agent/TavloDefaultParameters.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -16,11 +15,6 @@ std::string formatted(const char* format, double value) {
   return buffer;
 }
 
-const char* deviceWord(std::optional<int32_t> idiom) {
-  if (idiom == TavloUserInterfaceIdiomPad) return "ipad";
-  if (idiom == TavloUserInterfaceIdiomTV) return "tv";
-  return "iphone";
-}
 }  // namespace
 
 TavloDefaultParameters::TavloDefaultParameters(const TavloPlatform& platform)
@@ -61,18 +55,6 @@ TavloParameters TavloDefaultParameters::defaultParametersWith(HitDraw draw) {
   parameters.emplace("n", std::to_string(draw.n));
   parameters.emplace("uid", draw.uid ? std::move(*draw.uid) : std::string("-"));
   return parameters;
-}
-
-std::string TavloDefaultParameters::userAgentOf(TavloDeviceInfo& deviceInfo) {
-  // A header cannot carry control characters: a name or version holding one (a line
-  // feed would start a header of its own) would make every request unsendable.
-  const auto headerSafe = [](std::string text) {
-    std::replace_if(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-    return text;
-  };
-  return headerSafe(deviceInfo.bundleName().value_or("(null)")) + "/" +
-         headerSafe(deviceInfo.bundleVersion().value_or("(null)")) + " Tavlo SDK v" + TavloVersion() + " apple " +
-         deviceWord(deviceInfo.userInterfaceIdiom());
 }
 
 TavloString TavloDefaultParameters::appleDID() {

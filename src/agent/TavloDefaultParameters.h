@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "identity/TavloUserAgent.h"
 #include "platform/TavloQLVRUUIDHandler.h"
 #include "tavlo/TavloTypes.h"
 #include "tavlo/platform/TavloPlatform.h"
@@ -47,11 +48,8 @@ class TavloDefaultParameters {
   TavloParameters defaultParametersWith(HitDraw draw);
 
   /// "<bundle name>/<bundle version> Tavlo SDK v<version> apple <tv|ipad|iphone>", with
-  /// "(null)" standing for a missing name or version.
-  std::string userAgent() { return userAgentOf(*deviceInfo_); }
-  /// The same text for any device-information source (the authorisation exchange sends
-  /// it too, without needing the rest of the defaults).
-  static std::string userAgentOf(TavloDeviceInfo& deviceInfo);
+  /// "(null)" standing for a missing name or version (TavloUserAgentOf).
+  std::string userAgent() { return TavloUserAgentOf(*deviceInfo_); }
 
   /// The advertising identifier as an upper-case UUID text, or nil with the information
   /// line "Can't get did" when no provider is registered.

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tagging/TavloStringHash.h"
+#include "util/TavloStringHash.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "request/TavloCodable.h"
+#include "archive/TavloCodable.h"
 #include "tavlo/TavloTypes.h"
 
 class TavloKeyedUnarchiver;

@@ -1,7 +1,7 @@
 #include "auth/TavloAuth.h"
 
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 
 namespace {
 const std::string kAccessKey = "TavloAuth_currentAccess";

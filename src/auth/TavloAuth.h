@@ -3,9 +3,9 @@
 
 #include <memory>
 
+#include "archive/TavloCodable.h"
 #include "auth/TavloAccess.h"
 #include "auth/TavloSession.h"
-#include "request/TavloCodable.h"
 
 class TavloKeyedUnarchiver;
 

@@ -4,12 +4,12 @@
 #include <map>
 #include <mutex>
 
-#include "agent/TavloDefaultParameters.h"
+#include "identity/TavloUserAgent.h"
 #include "platform/TavloHttpDate.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
-#include "tagging/TavloText.h"
 #include "util/TavloLogSafe.h"
+#include "util/TavloText.h"
 #include "util/TavloUrlSafety.h"
 
 namespace {
@@ -109,7 +109,7 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
   if (serial && TavloIsUsableSerial(*serial) && platform_.httpClient) {
     TavloHttpRequest request;
     request.url = platform_.endpoints.authorisation + "/" + *serial;
-    request.headers = {{"User-Agent", TavloDefaultParameters::userAgentOf(*platform_.deviceInfo)}};
+    request.headers = {{"User-Agent", TavloUserAgentOf(*platform_.deviceInfo)}};
     request.timeoutSeconds = 60;
     const TavloHttpResponse response = platform_.httpClient->get(request);
 

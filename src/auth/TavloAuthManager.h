@@ -8,7 +8,7 @@
 #include <unordered_map>
 
 #include "auth/TavloAuth.h"
-#include "tagging/TavloTaggerID.h"
+#include "identity/TavloTaggerID.h"
 #include "tavlo/platform/TavloPlatform.h"
 
 /// Asks the authorisation server, once per tagger identity, which access mode, collection

@@ -1,7 +1,7 @@
 #include "auth/TavloSession.h"
 
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 
 namespace {
 const std::string kSerialKey = "TavloSesion_serial";

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "request/TavloCodable.h"
+#include "archive/TavloCodable.h"
 #include "tavlo/TavloTypes.h"
 
 class TavloKeyedUnarchiver;

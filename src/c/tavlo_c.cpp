@@ -13,13 +13,13 @@
 #include "agent/TavloAgent.h"
 #include "c/tavlo_c_internal.h"
 #include "platform/TavloLogger.h"
-#include "tagging/TavloText.h"
 #include "tavlo/TavloApplication.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/TavloVersion.h"
 #include "tavlo/tavlo.h"
 #include "util/TavloLogSafe.h"
+#include "util/TavloText.h"
 
 namespace {
 

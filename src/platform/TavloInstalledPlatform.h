@@ -15,3 +15,8 @@ std::shared_ptr<TavloLogSink> TavloInstalledLogSink();
 /// Records that a process-wide singleton has taken the installed platform, so that a
 /// later TavloPlatform::install can say it comes too late for anything but the log sink.
 void TavloMarkInstalledPlatformTaken();
+
+/// The process's one standard error sink: the default platform's, and the logger's until
+/// a platform is installed. Defined beside the rest of the defaults, in
+/// linux/TavloLinuxPlatform.cpp, so that the core names no Linux class. Never empty.
+std::shared_ptr<TavloLogSink> TavloStandardErrorSink();

@@ -3,17 +3,8 @@
 #include <mutex>
 #include <optional>
 
-#include "platform/TavloCurlHttpClient.h"
-#include "platform/TavloFileSecureStore.h"
 #include "platform/TavloInstalledPlatform.h"
-#include "platform/TavloLinuxDeviceInfo.h"
 #include "platform/TavloLogger.h"
-#include "platform/TavloMainLoopQueue.h"
-#include "platform/TavloNetlinkReachabilitySource.h"
-#include "platform/TavloPosixFileSystem.h"
-#include "platform/TavloStderrLogSink.h"
-#include "platform/TavloSystemClock.h"
-#include "platform/TavloSystemRandom.h"
 
 namespace {
 
@@ -30,12 +21,6 @@ struct InstalledState {
 InstalledState& installedState() {
   static InstalledState* state = new InstalledState();
   return *state;
-}
-
-// One standard error sink serves the whole process; it has no state to share badly.
-std::shared_ptr<TavloLogSink> standardErrorSink() {
-  static auto* sink = new std::shared_ptr<TavloLogSink>(std::make_shared<TavloStderrLogSink>());
-  return *sink;
 }
 
 // REQUIRES: state.protector held.
@@ -61,28 +46,7 @@ std::shared_ptr<TavloLogSink> TavloInstalledLogSink() {
     std::lock_guard<std::mutex> lock(state.protector);
     if (state.logSink) return state.logSink;
   }
-  return standardErrorSink();
-}
-
-TavloPlatform TavloPlatform::linuxDefaults(const TavloApplicationInfo& application) {
-  auto files = std::make_shared<TavloPosixFileSystem>();
-  // With no home at all the folder stays empty, and the store answers every call with
-  // an I/O error rather than writing the device identifier somewhere public.
-  const std::string dataDirectory = files->dataDirectory();
-  const std::string secureFolder = dataDirectory.empty() ? std::string() : dataDirectory + "/tavlo/secure-store";
-
-  TavloPlatform platform;
-  platform.clock = std::make_shared<TavloSystemClock>();
-  platform.random = std::make_shared<TavloSystemRandom>();
-  platform.logSink = standardErrorSink();
-  platform.files = files;
-  platform.secureStore = std::make_shared<TavloFileSecureStore>(files, secureFolder);
-  platform.deviceInfo = std::make_shared<TavloLinuxDeviceInfo>(application);
-  platform.mainQueue = std::make_shared<TavloMainLoopQueue>();  // its thread starts on first use
-  platform.httpClient = std::make_shared<TavloCurlHttpClient>();  // libcurl starts on the first exchange
-  platform.reachabilitySource = std::make_shared<TavloNetlinkReachabilitySource>();  // no thread until watched
-  platform.endpoints = TavloEndpoints::compiledDefaults();
-  return platform;
+  return TavloStandardErrorSink();
 }
 
 void TavloMarkInstalledPlatformTaken() {

@@ -1,6 +1,6 @@
 #include "platform/TavloQLVRUUIDHandler.h"
 
-#include "tagging/TavloText.h"
+#include "util/TavloText.h"
 
 namespace {
 const char* const kService = "qlvr_uuid_service";

@@ -3,9 +3,9 @@
 #include "auth/TavloAccess.h"
 #include "auth/TavloAuth.h"
 #include "auth/TavloSession.h"
+#include "identity/TavloTaggerID.h"
 #include "request/TavloClearCache.h"
 #include "request/TavloRequest.h"
-#include "tagging/TavloTaggerID.h"
 
 const TavloClassTable& TavloRecordClasses() {
   static const TavloClassTable* const classes = new TavloClassTable{

@@ -1,7 +1,7 @@
 // The classes a queue file may contain.
 #pragma once
 
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 
 /// Every record class the library archives, by archived class name, with its decoder.
 const TavloClassTable& TavloRecordClasses();

@@ -1,12 +1,12 @@
 #include "request/TavloRequest.h"
 #include "util/TavloUrlSafety.h"
 
-#include "tagging/TavloLocked.h"
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
-#include "tagging/TavloStringHash.h"
-#include "tagging/TavloText.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
+#include "util/TavloLocked.h"
 #include "util/TavloLogSafe.h"
+#include "util/TavloStringHash.h"
+#include "util/TavloText.h"
 
 #include <algorithm>
 #include <cmath>

@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
+#include "archive/TavloCodable.h"
 #include "auth/TavloAuth.h"
-#include "request/TavloCodable.h"
-#include "tagging/TavloTaggerID.h"
+#include "identity/TavloTaggerID.h"
 #include "tavlo/TavloTypes.h"
 #include "tavlo/platform/TavloEndpoints.h"
 

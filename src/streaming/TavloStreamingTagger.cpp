@@ -5,15 +5,15 @@
 #include <string_view>
 
 #include "agent/TavloAgent.h"
+#include "identity/TavloTaggerID.h"
 #include "platform/TavloLogger.h"
 #include "platform/TavloNotificationCenter.h"
 #include "platform/TavloReachability.h"
 #include "request/TavloRequest.h"
-#include "tagging/TavloLocked.h"
 #include "streaming/TavloTimer.h"
 #include "tagging/TavloHitParameter.h"
-#include "tagging/TavloTaggerID.h"
 #include "tavlo/TavloAudienceTagger.h"
+#include "util/TavloLocked.h"
 #include "util/TavloLogSafe.h"
 #include "util/TavloUrlSafety.h"
 

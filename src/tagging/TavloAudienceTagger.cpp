@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "agent/TavloAgent.h"
+#include "identity/TavloTaggerID.h"
 #include "platform/TavloLogger.h"
 #include "tagging/TavloHitParameter.h"
-#include "tagging/TavloTaggerID.h"
-#include "tagging/TavloText.h"
 #include "util/TavloLogSafe.h"
+#include "util/TavloText.h"
 #include "util/TavloUrlSafety.h"
 
 namespace {

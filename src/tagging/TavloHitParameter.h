@@ -6,8 +6,8 @@
 #include <string_view>
 #include <utility>
 
-#include "tagging/TavloText.h"
 #include "tavlo/TavloTypes.h"
+#include "util/TavloText.h"
 
 /// Puts `value` under `key` in `dictionary`: an absent or empty value (or an empty key) is
 /// left out, so it never removes or overwrites a default; a non-zero `limit` cuts the

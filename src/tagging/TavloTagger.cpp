@@ -1,8 +1,8 @@
 #include "tavlo/TavloTagger.h"
 
-#include "tagging/TavloLocked.h"
 #include "agent/TavloDefaultParameters.h"
 #include "platform/TavloLogger.h"
+#include "util/TavloLocked.h"
 
 TavloTagger::TavloTagger(TavloString serial, TavloString customerData)
     : serial_(std::move(serial)), customerData_(std::move(customerData)) {}

@@ -7,8 +7,8 @@
 
 #include "agent/TavloSentJournal.h"
 #include "request/TavloClearCache.h"
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "support/TavloAgentFixture.h"
 #include "support/TavloScriptedHttpClient.h"

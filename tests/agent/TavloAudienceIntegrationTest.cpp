@@ -9,8 +9,8 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/TavloCurlHttpClient.h"
-#include "request/TavloKeyedArchiver.h"
+#include "linux/TavloCurlHttpClient.h"
+#include "archive/TavloKeyedArchiver.h"
 #include "support/TavloAgentFixture.h"
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloAudienceTagger.h"

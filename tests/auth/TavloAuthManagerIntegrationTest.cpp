@@ -2,7 +2,7 @@
 #include <cmath>
 
 #include "auth/TavloAuthManager.h"
-#include "platform/TavloCurlHttpClient.h"
+#include "linux/TavloCurlHttpClient.h"
 #include "support/TavloLoggingFixture.h"
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloVersion.h"

@@ -2,7 +2,7 @@
 
 #include "support/TavloArchiveTestKit.h"
 #include "auth/TavloAuth.h"
-#include "request/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedArchiver.h"
 
 namespace {
 

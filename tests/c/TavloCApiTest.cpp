@@ -18,7 +18,7 @@
 
 #include "agent/TavloAgent.h"
 #include "c/tavlo_c_internal.h"
-#include "platform/TavloCurlHttpClient.h"
+#include "linux/TavloCurlHttpClient.h"
 #include "platform/TavloLogger.h"
 #include "platform/TavloNotificationCenter.h"
 #include "streaming/TavloStreamingFixture.h"

@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/TavloCurlHttpClient.h"
-#include "platform/TavloHttpLimits.h"
+#include "linux/TavloCurlHttpClient.h"
+#include "linux/TavloHttpLimits.h"
 #include "support/TavloScopedEnvironmentVariable.h"
 #include "support/TavloTestServer.h"
 

@@ -6,8 +6,8 @@
 #include <functional>
 #include <thread>
 
-#include "platform/TavloFileSecureStore.h"
-#include "platform/TavloPosixFileSystem.h"
+#include "linux/TavloFileSecureStore.h"
+#include "linux/TavloPosixFileSystem.h"
 #include "support/TavloMemorySecureStore.h"
 #include "support/TavloTemporaryDirectory.h"
 

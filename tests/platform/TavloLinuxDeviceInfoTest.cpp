@@ -3,7 +3,7 @@
 
 #include <map>
 
-#include "platform/TavloLinuxDeviceInfo.h"
+#include "linux/TavloLinuxDeviceInfo.h"
 #include "support/TavloTemporaryDirectory.h"
 
 namespace {

@@ -19,8 +19,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/TavloNetlinkReachabilitySource.h"
-#include "platform/TavloNetlinkSocket.h"
+#include "linux/TavloNetlinkReachabilitySource.h"
+#include "linux/TavloNetlinkSocket.h"
 #include "platform/TavloReachability.h"
 #include "support/TavloManualMainQueue.h"
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/TavloNetlinkReachabilitySource.h"
+#include "linux/TavloNetlinkReachabilitySource.h"
 
 // What the Linux source makes of a target, before it ever talks to the kernel. The
 // kernel side is in TavloNetlinkReachabilityIntegrationTest.

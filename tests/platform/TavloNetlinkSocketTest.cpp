@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/TavloNetlinkSocket.h"
+#include "linux/TavloNetlinkSocket.h"
 
 // The walk over a datagram is the first thing that touches bytes from the kernel: it
 // must hand on exactly the whole messages and stop at the first lie about a length.

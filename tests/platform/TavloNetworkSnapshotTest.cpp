@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/TavloNetworkSnapshot.h"
+#include "linux/TavloNetworkSnapshot.h"
 #include "tavlo/platform/TavloReachabilitySource.h"
 
 // The rules that turn the kernel's routing state into reachability flags, fed with

@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "platform/TavloPosixFileSystem.h"
+#include "linux/TavloPosixFileSystem.h"
 #include "support/TavloScopedEnvironmentVariable.h"
 #include "support/TavloTemporaryDirectory.h"
 

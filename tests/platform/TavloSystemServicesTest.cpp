@@ -11,9 +11,9 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/TavloStderrLogSink.h"
-#include "platform/TavloSystemClock.h"
-#include "platform/TavloSystemRandom.h"
+#include "linux/TavloStderrLogSink.h"
+#include "linux/TavloSystemClock.h"
+#include "linux/TavloSystemRandom.h"
 #include "support/TavloScopedEnvironmentVariable.h"
 
 namespace {

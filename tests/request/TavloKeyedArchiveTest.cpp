@@ -10,8 +10,8 @@
 #include <plist/plist.h>
 
 #include "request/TavloClearCache.h"
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "request/TavloRequest.h"
 #include "support/TavloLibplistKeyedArchiver.h"

@@ -4,11 +4,11 @@
 
 #include "support/TavloArchiveTestKit.h"
 #include "request/TavloClearCache.h"
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "request/TavloRequest.h"
-#include "tagging/TavloStringHash.h"
+#include "util/TavloStringHash.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/TavloCurlHttpClient.h"
+#include "linux/TavloCurlHttpClient.h"
 #include "streaming/TavloStreamingFixture.h"
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloVersion.h"

@@ -5,7 +5,7 @@
 
 #include "streaming/TavloStreamingFixture.h"
 #include "support/TavloFixedAdvertisingIdProvider.h"
-#include "tagging/TavloTaggerID.h"
+#include "identity/TavloTaggerID.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 
 #include <plist/plist.h>
 
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 
 std::shared_ptr<TavloCodable> TavloRoundTripThroughFile(const TavloCodable& record) {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "request/TavloCodable.h"
+#include "archive/TavloCodable.h"
 
 /// Archives `record` into a file under a fresh temporary folder, reads the file back and
 /// unarchives it with the library's record classes. Null if anything fails.

@@ -4,7 +4,7 @@
 #include <exception>
 #include <string_view>
 
-#include "tagging/TavloText.h"
+#include "util/TavloText.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include <plist/plist.h>
 
-#include "request/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedArchiver.h"
 
 /// Builds the archive as a libplist tree and serialises it with plist_to_bin, exactly as
 /// TavloKeyedArchiver did before it wrote the bytes itself. Records are fed to it through

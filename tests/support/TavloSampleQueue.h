@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "request/TavloCodable.h"
+#include "archive/TavloCodable.h"
 
 /// `requests` requests of `parameters` parameters each, followed by the queue's marker.
 /// Requests alternate between audience and streaming, share their authorisation and

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "platform/TavloPosixFileSystem.h"
+#include "linux/TavloPosixFileSystem.h"
 #include "support/TavloCapturingLogSink.h"
 #include "support/TavloFixedDeviceInfo.h"
 #include "support/TavloManualClock.h"

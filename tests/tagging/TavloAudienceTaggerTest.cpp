@@ -4,7 +4,7 @@
 #include "support/TavloAgentFixture.h"
 #include "support/TavloFixedAdvertisingIdProvider.h"
 #include "support/TavloFixedDeviceInfo.h"
-#include "tagging/TavloTaggerID.h"
+#include "identity/TavloTaggerID.h"
 #include "tavlo/TavloAudienceTagger.h"
 
 namespace {

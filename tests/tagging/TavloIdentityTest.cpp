@@ -3,12 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
-#include "tagging/TavloStringHash.h"
-#include "tagging/TavloTaggerID.h"
-#include "tagging/TavloTaggerIdentifier.h"
+#include "util/TavloStringHash.h"
+#include "identity/TavloTaggerID.h"
+#include "identity/TavloTaggerIdentifier.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tagging/TavloText.h"
+#include "util/TavloText.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "agent/TavloAgent.h"
 #include "platform/TavloNotificationCenter.h"
 #include "request/TavloClearCache.h"
-#include "request/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedArchiver.h"
 #include "request/TavloRequest.h"
 #include "support/TavloTestPlatform.h"
 

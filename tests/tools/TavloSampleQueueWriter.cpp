@@ -4,7 +4,7 @@
 #include <fstream>
 
 #include "request/TavloClearCache.h"
-#include "request/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedArchiver.h"
 #include "request/TavloRequest.h"
 
 int main(int argc, char** argv) {

@@ -1,4 +1,4 @@
-#include "platform/TavloSystemClock.h"
+#include "linux/TavloSystemClock.h"
 
 #include <chrono>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "platform/TavloSystemRandom.h"
+#include "linux/TavloSystemRandom.h"
 
 #include <uuid/uuid.h>
 

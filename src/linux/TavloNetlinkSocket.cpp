@@ -1,4 +1,4 @@
-#include "platform/TavloNetlinkSocket.h"
+#include "linux/TavloNetlinkSocket.h"
 
 #include <poll.h>
 #include <sys/socket.h>

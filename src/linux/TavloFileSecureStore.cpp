@@ -1,4 +1,4 @@
-#include "platform/TavloFileSecureStore.h"
+#include "linux/TavloFileSecureStore.h"
 
 #include <system_error>
 

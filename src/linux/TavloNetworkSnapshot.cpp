@@ -1,4 +1,4 @@
-#include "platform/TavloNetworkSnapshot.h"
+#include "linux/TavloNetworkSnapshot.h"
 
 #include <linux/if_addr.h>
 #include <linux/netlink.h>

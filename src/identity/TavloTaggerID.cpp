@@ -1,8 +1,8 @@
-#include "tagging/TavloTaggerID.h"
+#include "identity/TavloTaggerID.h"
 
-#include "request/TavloKeyedArchiver.h"
-#include "request/TavloKeyedUnarchiver.h"
-#include "tagging/TavloStringHash.h"
+#include "archive/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
+#include "util/TavloStringHash.h"
 
 namespace {
 const std::string kSerialKey = "TavloTaggerID_serial";

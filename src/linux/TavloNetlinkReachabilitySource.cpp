@@ -1,4 +1,4 @@
-#include "platform/TavloNetlinkReachabilitySource.h"
+#include "linux/TavloNetlinkReachabilitySource.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -20,10 +20,10 @@
 #include <utility>
 #include <vector>
 
+#include "linux/TavloNetlinkSocket.h"
+#include "linux/TavloNetworkSnapshot.h"
 #include "platform/TavloLogger.h"
 #include "util/TavloLogSafe.h"
-#include "platform/TavloNetlinkSocket.h"
-#include "platform/TavloNetworkSnapshot.h"
 
 namespace {
 

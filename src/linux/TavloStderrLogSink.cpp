@@ -1,4 +1,4 @@
-#include "platform/TavloStderrLogSink.h"
+#include "linux/TavloStderrLogSink.h"
 
 #include <signal.h>
 

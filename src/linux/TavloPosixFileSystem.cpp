@@ -1,4 +1,4 @@
-#include "platform/TavloPosixFileSystem.h"
+#include "linux/TavloPosixFileSystem.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "archive/TavloBinaryPlistReader.h"
-#include "request/TavloCodable.h"
+#include "archive/TavloCodable.h"
 #include "tavlo/TavloTypes.h"
 
 class TavloKeyedUnarchiver;

@@ -1,4 +1,4 @@
-#include "request/TavloKeyedUnarchiver.h"
+#include "archive/TavloKeyedUnarchiver.h"
 
 #include <cmath>
 #include <exception>

@@ -1,11 +1,11 @@
-#include "request/TavloKeyedArchiver.h"
+#include "archive/TavloKeyedArchiver.h"
 
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <string_view>
 
-#include "tagging/TavloText.h"
+#include "util/TavloText.h"
 
 namespace {
 

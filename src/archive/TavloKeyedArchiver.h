@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "archive/TavloBinaryPlistWriter.h"
-#include "request/TavloCodable.h"
+#include "archive/TavloCodable.h"
 #include "tavlo/TavloTypes.h"
 
 /// Produces the archive layout that Apple's NSKeyedArchiver writes, so a queue file can

@@ -1,6 +1,6 @@
-#include "tagging/TavloTaggerIdentifier.h"
+#include "identity/TavloTaggerIdentifier.h"
 
-#include "tagging/TavloStringHash.h"
+#include "util/TavloStringHash.h"
 
 std::shared_ptr<TavloTaggerIdentifier> TavloTaggerIdentifier::TavloTaggerIdentifierWithSerial(
     TavloString serial, TavloString customerData) {

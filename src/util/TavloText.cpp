@@ -1,4 +1,4 @@
-#include "tagging/TavloText.h"
+#include "util/TavloText.h"
 
 #include <algorithm>
 

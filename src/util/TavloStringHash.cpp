@@ -1,4 +1,4 @@
-#include "tagging/TavloStringHash.h"
+#include "util/TavloStringHash.h"
 
 #include <bit>
 

@@ -1,4 +1,4 @@
-#include "tagging/TavloCalendar.h"
+#include "util/TavloCalendar.h"
 
 TavloCivilDate TavloCivilDateFromDays(int64_t days) {
   days += 719468;

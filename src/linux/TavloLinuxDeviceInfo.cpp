@@ -1,10 +1,10 @@
-#include "platform/TavloLinuxDeviceInfo.h"
+#include "linux/TavloLinuxDeviceInfo.h"
 
 #include <sys/utsname.h>
 
 #include <sstream>
 
-#include "platform/TavloPosixFileSystem.h"
+#include "linux/TavloPosixFileSystem.h"
 
 namespace {
 

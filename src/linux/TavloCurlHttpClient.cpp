@@ -1,4 +1,4 @@
-#include "platform/TavloCurlHttpClient.h"
+#include "linux/TavloCurlHttpClient.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/TavloHttpLimits.h"
+#include "linux/TavloHttpLimits.h"
 #include "util/TavloLogSafe.h"
 
 namespace {
