@@ -19,9 +19,6 @@
 
 namespace {
 
-constexpr std::size_t kLevelLengthLimit = 256;
-const char* const kFreeLevelKeys[TavloTagger::kNewLevelCount] = {"ml1", "ml2", "ml3", "ml4",  "ml5", "ml6",
-                                                                 "ml7", "ml8", "ml9", "ml10", "ml11"};
 constexpr double kPollingInterval = 1.0;
 constexpr double kThrottlePeriod = 1.0;
 // Only the last two positions ever reach a hit. A box that plays for days would otherwise
@@ -444,15 +441,12 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const 
   addParam(level1_, "cmsS3", parameters);
   addParam(level4_, "cmsS4", parameters);
   addParam(level5_, "cmsS5", parameters);
-  addParam(customerData(), "crmid", parameters);
   HitProperties properties = hitProperties();
-  for (int level = 1; level <= kNewLevelCount; ++level) {
-    addParam(std::move(properties.newLevels[level - 1]), kFreeLevelKeys[level - 1], parameters, kLevelLengthLimit);
-  }
-  addParam(std::move(properties.mediaContentId), "msCid", parameters, kLevelLengthLimit);
-  addParam(std::move(properties.mediaDiffMode), "msDm", parameters, kLevelLengthLimit);
-  addParam(std::move(properties.mediaChannel), "msCh", parameters, kLevelLengthLimit);
-  addParam(std::move(properties.netMeasurement), "miCh", parameters, kLevelLengthLimit);
+  TavloString theCustomerData = customerData();
+  TavloForEachSharedHitParameter(properties, theCustomerData,
+                                 [&parameters](TavloString& value, const char* key, std::size_t limit) {
+                                   addParam(std::move(value), key, parameters, limit);
+                                 });
   // What setTheRank would write, without copying the dictionary to write it.
   if (rank > 0) parameters.insert_or_assign("cmsRK", std::to_string(rank));
 

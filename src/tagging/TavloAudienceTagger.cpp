@@ -19,10 +19,6 @@ std::recursive_mutex& factoryLock() {
   static std::recursive_mutex* const lock = new std::recursive_mutex();
   return *lock;
 }
-
-constexpr std::size_t kLevelLengthLimit = 256;
-const char* const kFreeLevelKeys[TavloTagger::kNewLevelCount] = {"ml1", "ml2", "ml3", "ml4",  "ml5", "ml6",
-                                                                 "ml7", "ml8", "ml9", "ml10", "ml11"};
 }  // namespace
 
 TavloAudienceTagger::TavloAudienceTagger(std::weak_ptr<TavloAgent> agent, TavloString serial,
@@ -114,14 +110,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   capture(levels[2], "l3");
   capture(levels[3], "l4");
   if (properties.useIDFA) capture(did, "did");
-  capture(theCustomerData, "crmid");
-  for (int level = 1; level <= kNewLevelCount; ++level) {
-    capture(properties.newLevels[level - 1], kFreeLevelKeys[level - 1], kLevelLengthLimit);
-  }
-  capture(properties.mediaContentId, "msCid", kLevelLengthLimit);
-  capture(properties.mediaDiffMode, "msDm", kLevelLengthLimit);
-  capture(properties.mediaChannel, "msCh", kLevelLengthLimit);
-  capture(properties.netMeasurement, "miCh", kLevelLengthLimit);
+  TavloForEachSharedHitParameter(properties, theCustomerData, capture);
 
   agent->addRequestMadeByHandler([values = std::move(values), draw = std::move(draw), serial = std::move(mySerial),
                                   taggerID = taggerID_, now](TavloAgent& agent) mutable {

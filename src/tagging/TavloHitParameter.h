@@ -1,9 +1,12 @@
-// The rule by which both taggers put a value into a hit's parameters.
+// The rule by which both taggers put a value into a hit's parameters, and the values
+// they both add.
 #pragma once
 
 #include <cstddef>
+#include <iterator>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "tavlo/TavloTypes.h"
@@ -19,4 +22,30 @@ inline void TavloAddHitParameter(TavloParameters& dictionary, std::string_view k
   if (!value || value->empty() || key.empty()) return;
   if (limit != 0 && TavloUTF16Length(*value) > limit) *value = TavloUTF16Prefix(*value, limit);
   dictionary.insert_or_assign(std::string(key), std::move(*value));
+}
+
+/// The longest free level or media descriptor a hit carries, in UTF-16 code units.
+inline constexpr std::size_t kTavloLevelLengthLimit = 256;
+
+/// The values every hit of either tagger takes from the tagger's properties, in the order
+/// the taggers add them: "crmid" (the customer data), the free levels "ml1" ... "ml11",
+/// then the media descriptors "msCid", "msDm", "msCh" and "miCh", the levels and
+/// descriptors cut to kTavloLevelLengthLimit. Calls `add(value, key, limit)` for each;
+/// `add` may move the value out (the properties are the hit's own copy) and chooses when
+/// it reaches a dictionary: the audience tagger captures them for the agent's thread.
+/// "did" is not among them: the streaming tagger adds it before its parameter dump, so
+/// each tagger places it itself.
+template <typename HitProperties, typename Add>
+void TavloForEachSharedHitParameter(HitProperties& properties, TavloString& customerData, Add&& add) {
+  static constexpr const char* kFreeLevelKeys[] = {"ml1", "ml2", "ml3", "ml4",  "ml5", "ml6",
+                                                   "ml7", "ml8", "ml9", "ml10", "ml11"};
+  static_assert(std::size(kFreeLevelKeys) == std::tuple_size_v<decltype(HitProperties::newLevels)>);
+  add(customerData, "crmid", std::size_t{0});
+  for (std::size_t level = 0; level < std::size(kFreeLevelKeys); ++level) {
+    add(properties.newLevels[level], kFreeLevelKeys[level], kTavloLevelLengthLimit);
+  }
+  add(properties.mediaContentId, "msCid", kTavloLevelLengthLimit);
+  add(properties.mediaDiffMode, "msDm", kTavloLevelLengthLimit);
+  add(properties.mediaChannel, "msCh", kTavloLevelLengthLimit);
+  add(properties.netMeasurement, "miCh", kTavloLevelLengthLimit);
 }
