@@ -6,6 +6,10 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/install-deps.sh"
 
+# The folders of src/ include downwards only (docs/architecture.md): checked first, in a
+# second, so a layering slip fails before the build starts.
+python3 "$root/scripts/check-layers.py" "$root"
+
 build="${TAVLO_BUILD_DIR:-$root/build}"
 sanitize="${TAVLO_SANITIZE:-}"
 if [ -n "$sanitize" ] && [ -z "${TAVLO_BUILD_DIR:-}" ]; then
