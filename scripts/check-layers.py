@@ -102,6 +102,35 @@ def find_cycles(graph):
     return components
 
 
+def shortest_loop(edges, members, allowed):
+    """Answers one shortest cycle inside `members` as a list of folders, first == last,
+    through an edge the declaration forbids where there is one: that edge is the likely slip."""
+    candidates = sorted((target in allowed.get(owner, set()), owner, target)
+                        for owner in members for target in edges.get(owner, ()) if target in members)
+    best = None
+    for _, owner, target in candidates:
+        # Breadth-first from target back to owner, inside the component.
+        previous, frontier = {target: None}, [target]
+        while frontier and owner not in previous:
+            following = []
+            for node in frontier:
+                for successor in sorted(edges.get(node, ())):
+                    if successor in members and successor not in previous:
+                        previous[successor] = node
+                        following.append(successor)
+            frontier = following
+        path, node = [], owner
+        while node is not None:
+            path.append(node)
+            node = previous[node]
+        loop = [owner] + path[::-1]
+        if target not in allowed.get(owner, set()):
+            return loop
+        if best is None or len(loop) < len(best):
+            best = loop
+    return best
+
+
 def main():
     root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).resolve().parent.parent)
     src = root / "src"
@@ -129,13 +158,15 @@ def main():
         elif owner in allowed and target not in allowed[owner]:
             problems.append(f'{path}:{number}: #include "{text}": {owner} may not include {target}')
 
-    for cycle in find_cycles({owner: set(targets) for owner, targets in graph.items()}):
-        members = set(cycle)
-        problems.append(f"include cycle between {', '.join(cycle)}:")
-        for owner in cycle:
-            for target, sites in sorted(graph.get(owner, {}).items()):
-                if target in members:
-                    problems.extend(f'  {path}:{number}: #include "{text}"' for path, number, text in sites)
+    edges = {owner: set(targets) for owner, targets in graph.items()}
+    for component in find_cycles(edges):
+        loop = shortest_loop(edges, set(component), allowed)
+        problems.append(f"include cycle between {', '.join(component)}, for one: {' -> '.join(loop)}")
+        for owner, target in zip(loop, loop[1:]):
+            sites = graph[owner][target]
+            problems.extend(f'  {path}:{number}: #include "{text}"' for path, number, text in sites[:3])
+            if len(sites) > 3:
+                problems.append(f"  ... and {len(sites) - 3} more from {owner} to {target}")
 
     print("src/ folder graph (folder -> folders it includes, with the number of includes):")
     for folder in sorted(folders):
