@@ -4,6 +4,8 @@
 # time linked with the shared and with the static library, then runs the eight programs.
 # Usage: check_consumer.sh BUILD_DIR WORK_DIR CXX GENERATOR [EXTRA_FLAGS [CC]]
 # EXTRA_FLAGS are given to every compile and link (the sanitizers the project was built with).
+# With TAVLO_CONSUMER_DEBS=DIR, the prefix is made of the Debian packages in DIR (unpacked,
+# not installed) instead of `cmake --install BUILD_DIR`.
 set -eu
 
 build=$1
@@ -22,7 +24,14 @@ fail() {
 rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
-cmake --install "$build" --prefix "$prefix" >"$work/install.log" || fail "cmake --install failed: $(cat "$work/install.log")"
+if [ -n "${TAVLO_CONSUMER_DEBS:-}" ]; then
+  for deb in "$TAVLO_CONSUMER_DEBS"/*.deb; do
+    dpkg-deb -x "$deb" "$work/root" || fail "$deb does not unpack"
+  done
+  prefix=$work/root/usr
+else
+  cmake --install "$build" --prefix "$prefix" >"$work/install.log" || fail "cmake --install failed: $(cat "$work/install.log")"
+fi
 
 # What an application developer gets: public headers only, both libraries, both package files.
 shared=$(find "$prefix" -name libtavlo.so -print | head -n 1)
