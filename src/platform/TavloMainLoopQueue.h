@@ -14,10 +14,10 @@
 /// next task or the earliest timer deadline; deadlines are on the steady clock, so a
 /// user resetting the box's wall clock neither fires nor holds back a timer.
 ///
-/// Timers: a repeating timer is re-armed from its previous deadline, not from when its
-/// task finished, so it does not drift. If the queue fell behind by more than one
-/// interval (a long task, a suspended box), the missed firings are skipped and the timer
-/// fires once, then keeps its original rhythm: a burst of catch-up firings helps nobody.
+/// Order and timers follow the rules on TavloMainQueue, kept by the scheduling core it
+/// shares with the test kit's virtual-time queue (TavloTimerAgenda). On a real box the
+/// queue can fall behind (a long task, a suspended box): a repeating timer then fires
+/// once and keeps its original rhythm, since a burst of catch-up firings helps nobody.
 ///
 /// Failures: a task that throws is logged through TavloLogger as an error and dropped;
 /// the thread goes on with the next one.
@@ -38,12 +38,6 @@ class TavloMainLoopQueue : public TavloMainQueue {
   TavloTimerID schedule(double interval, bool repeats, std::function<void()> task) override;
   void cancel(TavloTimerID timer) override;
   bool isCurrent() override;
-
-  /// The interval a timer really uses for `interval` seconds: non-positive and NaN
-  /// intervals become 0.1 ms (so a repeating timer never spins), and anything beyond
-  /// about 30 years is capped there (so deadlines cannot overflow). Shared with the
-  /// test queue so that both read a timer's interval the same way.
-  static double effectiveInterval(double interval);
 
   /// Whether the thread has been started (for tests of the lazy start).
   bool TEST_isRunning();

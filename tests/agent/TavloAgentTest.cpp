@@ -11,7 +11,7 @@
 #include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "support/TavloAgentFixture.h"
-#include "support/TavloScriptedHttpClient.h"
+#include "tavlo/testkit/TavloScriptedHttpClient.h"
 #include "tavlo/TavloVersion.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include "auth/TavloAuthManager.h"
 #include "platform/TavloLogger.h"
 #include "support/TavloLoggingFixture.h"
-#include "support/TavloScriptedHttpClient.h"
+#include "tavlo/testkit/TavloScriptedHttpClient.h"
 #include "tavlo/TavloVersion.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include "linux/TavloFileSecureStore.h"
 #include "linux/TavloPosixFileSystem.h"
-#include "support/TavloMemorySecureStore.h"
+#include "tavlo/testkit/TavloMemorySecureStore.h"
 #include "support/TavloTemporaryDirectory.h"
 
 namespace {

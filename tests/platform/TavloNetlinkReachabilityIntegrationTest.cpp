@@ -22,7 +22,7 @@
 #include "linux/TavloNetlinkReachabilitySource.h"
 #include "linux/TavloNetlinkSocket.h"
 #include "platform/TavloReachability.h"
-#include "support/TavloManualMainQueue.h"
+#include "tavlo/testkit/TavloManualMainQueue.h"
 
 // The Linux source against the real kernel. On this machine it must read without
 // error; in a fresh network namespace (made with `unshare -rn`, no root needed) it must

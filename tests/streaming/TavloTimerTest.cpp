@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "streaming/TavloTimer.h"
-#include "support/TavloManualMainQueue.h"
+#include "tavlo/testkit/TavloManualMainQueue.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "support/TavloAgentFixture.h"
 
 #include "platform/TavloLogger.h"
-#include "support/TavloScriptedHttpClient.h"
+#include "tavlo/testkit/TavloScriptedHttpClient.h"
 
 void TavloAgentTest::SetUp() {
   TavloLoggingTest::SetUp();

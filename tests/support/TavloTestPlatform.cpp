@@ -3,9 +3,9 @@
 TavloTestPlatform TavloMakeTestPlatform() {
   TavloTestPlatform test;
   test.clock = std::make_shared<TavloManualClock>(TavloTestPlatformStartDate);
-  test.mainQueue = std::make_shared<TavloManualMainQueue>(test.clock);
-  test.random = std::make_shared<TavloSequenceRandom>();
   test.logSink = std::make_shared<TavloCapturingLogSink>();
+  test.mainQueue = std::make_shared<TavloManualMainQueue>(test.clock, test.logSink);
+  test.random = std::make_shared<TavloSequenceRandom>();
   test.secureStore = std::make_shared<TavloMemorySecureStore>();
   test.http = std::make_shared<TavloScriptedHttpClient>();
   test.deviceInfo = std::make_shared<TavloFixedDeviceInfo>();

@@ -4,16 +4,16 @@
 #include <memory>
 
 #include "linux/TavloPosixFileSystem.h"
-#include "support/TavloCapturingLogSink.h"
 #include "support/TavloFixedDeviceInfo.h"
-#include "support/TavloManualClock.h"
-#include "support/TavloManualMainQueue.h"
-#include "support/TavloMemorySecureStore.h"
-#include "support/TavloScriptedHttpClient.h"
 #include "support/TavloSequenceRandom.h"
-#include "support/TavloSettableReachabilitySource.h"
 #include "support/TavloTemporaryDirectory.h"
 #include "tavlo/platform/TavloPlatform.h"
+#include "tavlo/testkit/TavloCapturingLogSink.h"
+#include "tavlo/testkit/TavloManualClock.h"
+#include "tavlo/testkit/TavloManualMainQueue.h"
+#include "tavlo/testkit/TavloMemorySecureStore.h"
+#include "tavlo/testkit/TavloScriptedHttpClient.h"
+#include "tavlo/testkit/TavloSettableReachabilitySource.h"
 
 /// The platform handed to the code under test, together with typed handles to the same
 /// fakes so the test can drive and inspect them:

@@ -1,4 +1,4 @@
-#include "support/TavloSettableReachabilitySource.h"
+#include "tavlo/testkit/TavloSettableReachabilitySource.h"
 
 #include <arpa/inet.h>
 

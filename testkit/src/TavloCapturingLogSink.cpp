@@ -1,4 +1,4 @@
-#include "support/TavloCapturingLogSink.h"
+#include "tavlo/testkit/TavloCapturingLogSink.h"
 
 void TavloCapturingLogSink::writeLine(std::string_view line, TavloLogLevel) {
   std::lock_guard<std::mutex> lock(linesProtector);

@@ -1,4 +1,4 @@
-#include "support/TavloScriptedHttpClient.h"
+#include "tavlo/testkit/TavloScriptedHttpClient.h"
 
 #include <optional>
 #include <utility>

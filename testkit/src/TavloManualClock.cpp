@@ -1,4 +1,4 @@
-#include "support/TavloManualClock.h"
+#include "tavlo/testkit/TavloManualClock.h"
 
 TavloManualClock::TavloManualClock(TavloDate start) : current(start) {}
 

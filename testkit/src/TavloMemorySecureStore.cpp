@@ -1,4 +1,4 @@
-#include "support/TavloMemorySecureStore.h"
+#include "tavlo/testkit/TavloMemorySecureStore.h"
 
 TavloMemorySecureStore::Key TavloMemorySecureStore::keyOf(const TavloSecureItemQuery& query) {
   return Key(query.service, query.account, query.accessGroup);
