@@ -7,7 +7,7 @@ packages=(
   g++ cmake pkg-config make
   libcurl4-openssl-dev libplist-dev libplist-utils uuid-dev
   libcpp-httplib-dev libgtest-dev googletest libgmock-dev libbenchmark-dev
-  python3 binutils dpkg-dev
+  python3 binutils dpkg-dev doxygen
 )
 
 missing=()

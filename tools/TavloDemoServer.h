@@ -1,20 +1,16 @@
 // The demo's own collection and authorisation server, on 127.0.0.1.
 #pragma once
 
-#include <atomic>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-namespace httplib {
-class Server;
-}
+#include "support/TavloTestServer.h"
 
-/// A small HTTP server (cpp-httplib) on 127.0.0.1 and a port the kernel chose, standing
-/// in for both ends the library talks to:
+/// The collection and authorisation server of the integration tests (TavloTestServer,
+/// cpp-httplib on 127.0.0.1 and a port the kernel chose), answering as both ends the
+/// library talks to:
 ///  - "GET /<serial>" authorises the serial: it answers "access=full", sends hits back
 ///    to this server's "/m/web/", and opens visit 1, 2, 3 ... at each exchange;
 ///  - "GET /m/web/<serial>?..." collects a hit: it answers 200 "OK".
@@ -32,27 +28,21 @@ class TavloDemoServer {
 
   /// Starts the server. Throws std::runtime_error when it cannot listen.
   explicit TavloDemoServer(Observer observer);
-  ~TavloDemoServer();
   TavloDemoServer(const TavloDemoServer&) = delete;
   TavloDemoServer& operator=(const TavloDemoServer&) = delete;
 
   /// "http://127.0.0.1:PORT".
-  const std::string& baseURL() const { return baseURL_; }
+  const std::string& baseURL() const { return server_.baseURL(); }
 
   /// The targets of every request received so far, in the order they arrived.
   std::vector<std::string> targets() const;
 
   /// Stops listening and waits for the requests in progress. Idempotent.
-  void stop();
+  void stop() { server_.stop(); }
 
  private:
   const Observer observer_;
-  std::unique_ptr<httplib::Server> server_;
-  std::thread listener_;
-  std::atomic<bool> listenerEnded_{false};
-  std::string baseURL_;
-
-  mutable std::mutex protector_;
-  std::vector<std::string> targets_;  // guarded by protector_
-  int visits_ = 0;                    // guarded by protector_
+  TavloTestServer server_;
+  std::mutex protector_;
+  int visits_ = 0;  // guarded by protector_
 };

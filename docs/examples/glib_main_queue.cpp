@@ -62,9 +62,13 @@ class TavloGlibMainQueue : public TavloMainQueue {
     auto timer = std::make_shared<Timer>();
     timer->task = std::move(task);
     timer->repeats = repeats;
-    // Milliseconds, at least 1 (a repeating timer must never spin) and within a guint.
-    const double milliseconds = std::isfinite(interval) ? std::round(interval * 1000) : 1;
-    const guint period = static_cast<guint>(std::clamp(milliseconds, 1.0, static_cast<double>(G_MAXUINT)));
+    // The interval every main queue uses (TavloMainQueue::effectiveInterval), rounded up
+    // to GLib's tick of a millisecond. A guint of milliseconds ends at about 49 days,
+    // far short of the seam's 1e9 seconds: a longer timer is re-armed in steps of at
+    // most that until its whole interval has passed.
+    const double milliseconds = std::ceil(TavloMainQueue::effectiveInterval(interval) * 1000);
+    timer->remaining = timer->period = milliseconds;
+    const guint period = stepOf(timer->remaining);
     // The source owns the timer; the table only follows it, so a finished timer goes away.
     const guint source = g_timeout_add_full(G_PRIORITY_DEFAULT, period, &fireTimer,
                                             new std::shared_ptr<Timer>(timer), &releaseTimer);
@@ -100,7 +104,9 @@ class TavloGlibMainQueue : public TavloMainQueue {
     std::function<void()> task;
     bool repeats = false;
     std::atomic<bool> cancelled{false};
-    guint source = 0;       // set once, before the timer can be found by cancel()
+    double period = 0;      // milliseconds; set once by schedule()
+    double remaining = 0;   // milliseconds left of the current firing's interval; on the loop's thread
+    guint source = 0;       // the source armed now; set by schedule() before cancel() can find the timer, then on the loop's thread
     bool finished = false;  // on the loop's thread only: the source is gone or going
   };
 
@@ -110,10 +116,27 @@ class TavloGlibMainQueue : public TavloMainQueue {
   }
   static void deletePostedTask(gpointer data) { delete static_cast<std::function<void()>*>(data); }
 
+  // The next source's period, in milliseconds, for what remains of an interval.
+  static guint stepOf(double remaining) { return static_cast<guint>(std::min(remaining, static_cast<double>(G_MAXUINT))); }
+
   static gboolean fireTimer(gpointer data) {
-    Timer& timer = **static_cast<std::shared_ptr<Timer>*>(data);
+    auto& shared = *static_cast<std::shared_ptr<Timer>*>(data);
+    Timer& timer = *shared;
+    timer.remaining -= stepOf(timer.remaining);
+    if (timer.remaining > 0 && !timer.cancelled) {
+      // A step of a long interval has passed: the rest follows on a source of its own.
+      timer.source = g_timeout_add_full(G_PRIORITY_DEFAULT, stepOf(timer.remaining), &fireTimer,
+                                        new std::shared_ptr<Timer>(shared), &releaseTimer);
+      return G_SOURCE_REMOVE;
+    }
     if (!timer.cancelled) runGuarded(timer.task);
-    if (timer.repeats && !timer.cancelled) return G_SOURCE_CONTINUE;
+    if (timer.repeats && !timer.cancelled) {
+      timer.remaining = timer.period;
+      if (timer.period <= G_MAXUINT) return G_SOURCE_CONTINUE;
+      timer.source = g_timeout_add_full(G_PRIORITY_DEFAULT, stepOf(timer.remaining), &fireTimer,
+                                        new std::shared_ptr<Timer>(shared), &releaseTimer);
+      return G_SOURCE_REMOVE;
+    }
     timer.finished = true;
     return G_SOURCE_REMOVE;
   }

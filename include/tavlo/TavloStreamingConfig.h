@@ -15,6 +15,7 @@ class TavloStreamingConfig {
  public:
   /// Classification levels 1 to 5 of the medium, sent as "cmsS3", "cmsS2", "cmsS1",
   /// "cmsS4" and "cmsS5" (levels 1 and 3 cross over: the collection server reads them so).
+  ///@{
   TavloString level1() const { return level1_; }
   void setLevel1(TavloString value) { level1_ = std::move(value); }
   TavloString level2() const { return level2_; }
@@ -25,18 +26,25 @@ class TavloStreamingConfig {
   void setLevel4(TavloString value) { level4_ = std::move(value); }
   TavloString level5() const { return level5_; }
   void setLevel5(TavloString value) { level5_ = std::move(value); }
+  ///@}
 
   /// Free customer data: becomes the tagger's customerData, sent as "crmid".
+  ///@{
   TavloString customerData() const { return customerData_; }
   void setCustomerData(TavloString value) { customerData_ = std::move(value); }
+  ///@}
 
   /// Genre of the medium ("cmsGR").
+  ///@{
   TavloString mediaGenre() const { return mediaGenre_; }
   void setMediaGenre(TavloString value) { mediaGenre_ = std::move(value); }
+  ///@}
 
   /// Provider or distributor of the medium ("dom").
+  ///@{
   TavloString mediaProvider() const { return mediaProvider_; }
   void setMediaProvider(TavloString value) { mediaProvider_ = std::move(value); }
+  ///@}
 
  private:
   TavloString level1_;

@@ -127,33 +127,45 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
 
   // The medium.
 
+  /// The streaming type given at creation.
   TavloStreamingType streamingType() const { return streamingType_; }
   /// The classification levels from the configuration callback.
+  ///@{
   TavloString level1() const { return level1_; }
   TavloString level2() const { return level2_; }
   TavloString level3() const { return level3_; }
   TavloString level4() const { return level4_; }
   TavloString level5() const { return level5_; }
+  ///@}
 
   /// Name ("cmsSN", never cut) and address ("cmsME") of the medium. The setters ignore
   /// an absent or empty value: a medium always keeps a name.
+  ///@{
   TavloString mediaName() const;
   void setMediaName(const TavloString& mediaName);
   TavloString mediaURL() const;
   void setMediaURL(const TavloString& mediaURL);
+  ///@}
   /// Genre ("cmsGR") and provider ("dom"); an absent or empty value removes them from hits.
+  ///@{
   TavloString mediaGenre() const;
   void setMediaGenre(TavloString mediaGenre);
   TavloString mediaProvider() const;
   void setMediaProvider(TavloString mediaProvider);
+  ///@}
+  /// Volume ("cmsSD") and length in seconds ("cmsDU") of the medium, as given at creation.
+  ///@{
   int64_t mediaVolume() const;
   void setMediaVolume(int64_t mediaVolume);
   int64_t mediaLength() const;
   void setMediaLength(int64_t mediaLength);
+  ///@}
 
   /// The position supplier, held weakly (null once the application let go of it).
+  ///@{
   std::shared_ptr<TavloStreamingTaggerDelegate> delegate() const;
   void setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate);
+  ///@}
 
   // Sending.
 

@@ -44,8 +44,10 @@ class TAVLO_EXPORT TavloTagger {
   bool canSend() const;
 
   /// When true, hits also carry the device advertising identifier as "did".
+  ///@{
   bool useIDFA() const;
   void setUseIDFA(bool useIDFA);
+  ///@}
 
   /// The logging threshold last set on this tagger (2 at creation: errors only).
   int64_t loggingMode() const;
@@ -56,6 +58,7 @@ class TAVLO_EXPORT TavloTagger {
 
   /// Free measurement levels, sent as "ml1" ... "ml11", cut to 256 UTF-16 code units.
   /// The getters carry the prefix "the"; the setters do not.
+  ///@{
   TavloString theNewLevel1() const;
   TavloString theNewLevel2() const;
   TavloString theNewLevel3() const;
@@ -78,19 +81,28 @@ class TAVLO_EXPORT TavloTagger {
   void setNewLevel9(TavloString level);
   void setNewLevel10(TavloString level);
   void setNewLevel11(TavloString level);
+  ///@}
 
   /// Media content identifier, sent as "msCid".
+  ///@{
   TavloString mediaContentId() const;
   void setMediaContentId(TavloString value);
+  ///@}
   /// Media diffusion mode, sent as "msDm".
+  ///@{
   TavloString mediaDiffMode() const;
   void setMediaDiffMode(TavloString value);
+  ///@}
   /// Media channel, sent as "msCh".
+  ///@{
   TavloString mediaChannel() const;
   void setMediaChannel(TavloString value);
+  ///@}
   /// Network measurement value, sent as "miCh".
+  ///@{
   TavloString netMeasurement() const;
   void setNetMeasurement(TavloString value);
+  ///@}
 
  protected:
   /// Subclasses set serial and customer data once, here. The logging mode starts at 2
@@ -106,13 +118,14 @@ class TAVLO_EXPORT TavloTagger {
   /// The read-write properties a hit carries, read together under one lock: a hit pays
   /// for one lock instead of one per property, and never mixes old and new values.
   struct HitProperties {
-    bool useIDFA = false;
-    std::array<TavloString, kNewLevelCount> newLevels;
-    TavloString mediaContentId;
-    TavloString mediaDiffMode;
-    TavloString mediaChannel;
-    TavloString netMeasurement;
+    bool useIDFA = false;                                ///< as `useIDFA()`
+    std::array<TavloString, kNewLevelCount> newLevels;  ///< levels 1 ... 11
+    TavloString mediaContentId;                          ///< as `mediaContentId()`
+    TavloString mediaDiffMode;                           ///< as `mediaDiffMode()`
+    TavloString mediaChannel;                            ///< as `mediaChannel()`
+    TavloString netMeasurement;                          ///< as `netMeasurement()`
   };
+  /// Those properties, as they are now.
   HitProperties hitProperties() const;
 
  private:

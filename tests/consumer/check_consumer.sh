@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs the built project into a fresh prefix and builds the C++ consumer application
 # and the pure C one against it, through CMake (find_package) and through pkg-config, each
-# time linked with the shared and with the static library, then runs the eight programs.
+# time linked with the shared and with the static library, and a test on the installed
+# Tavlo::testkit through both, then runs the ten programs.
 # Usage: check_consumer.sh BUILD_DIR WORK_DIR CXX GENERATOR [EXTRA_FLAGS [CC]]
 # EXTRA_FLAGS are given to every compile and link (the sanitizers the project was built with).
 # With TAVLO_CONSUMER_DEBS=DIR, the prefix is made of the Debian packages in DIR (unpacked,
@@ -39,7 +40,8 @@ shared=$(find "$prefix" -name libtavlo.so -print | head -n 1)
 libdir=$(dirname "$shared")
 for file in "$libdir/libtavlo.a" "$libdir/pkgconfig/tavlo.pc" "$libdir/cmake/Tavlo/TavloConfig.cmake" \
     "$prefix/include/tavlo/TavloAudienceTagger.h" "$prefix/include/tavlo/platform/TavloPlatform.h" \
-    "$prefix/bin/tavlo-queue"; do
+    "$prefix/bin/tavlo-queue" "$libdir/libtavlo_testkit.a" "$libdir/pkgconfig/tavlo-testkit.pc" \
+    "$prefix/include/tavlo/testkit/TavloManualMainQueue.h"; do
   [ -e "$file" ] || fail "$file is not installed"
 done
 for internal in request agent auth platform/TavloLogger.h tavlo/TavloVersion.h.in; do
@@ -78,6 +80,11 @@ static_libs=$(printf '%s' "$static_libs" | sed 's/-ltavlo\( \|$\)/-l:libtavlo.a\
 # shellcheck disable=SC2086
 "$cxx" -std=c++20 $flags $cflags "$consumer/main.cpp" -o "$work/pkg-config-static" $static_libs \
   || fail "the consumer does not build with pkg-config --static --libs"
+kit_cflags=$(pkg-config --cflags tavlo-testkit) || fail "pkg-config --cflags tavlo-testkit"
+kit_libs=$(pkg-config --libs tavlo-testkit) || fail "pkg-config --libs tavlo-testkit"
+# shellcheck disable=SC2086
+"$cxx" -std=c++20 $flags $kit_cflags "$consumer/testkit.cpp" -o "$work/pkg-config-testkit-shared" $kit_libs \
+  || fail "the test-kit consumer does not build with pkg-config --libs tavlo-testkit"
 # shellcheck disable=SC2086
 "$cc" -std=c11 $flags $cflags "$consumer/c/main.c" -o "$work/pkg-config-c-shared" $libs \
   || fail "the C consumer does not build with pkg-config --libs"
@@ -87,6 +94,7 @@ static_libs=$(printf '%s' "$static_libs" | sed 's/-ltavlo\( \|$\)/-l:libtavlo.a\
 
 # Run them all, keeping the library's files out of the user's home.
 for program in cmake/consumer_shared cmake/consumer_static pkg-config-shared pkg-config-static \
+    cmake/consumer_testkit_shared pkg-config-testkit-shared \
     cmake-c/c_consumer_shared cmake-c/c_consumer_static pkg-config-c-shared pkg-config-c-static; do
   if ! output=$(XDG_DATA_HOME="$work/data" LD_LIBRARY_PATH="$libdir" "$work/$program" 2>"$work/run.log"); then
     fail "$program exits with an error: $output $(cat "$work/run.log")"

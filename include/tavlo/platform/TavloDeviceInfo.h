@@ -17,9 +17,9 @@ enum TavloUserInterfaceIdiom : int32_t {
 
 /// The main screen: bounds in points and the scale from points to pixels.
 struct TAVLO_EXPORT TavloScreen {
-  double width = 0;
-  double height = 0;
-  double scale = 1;
+  double width = 0;   ///< in points
+  double height = 0;  ///< in points
+  double scale = 1;   ///< pixels per point
   /// The native scale, where the display has one distinct from `scale`.
   std::optional<double> nativeScale;
 };
@@ -31,12 +31,12 @@ struct TAVLO_EXPORT TavloScreen {
 /// The bundle name and version have no fallback; missing ones print as "(null)" in the
 /// "User-Agent" header.
 struct TAVLO_EXPORT TavloApplicationInfo {
-  TavloString bundleName;
-  TavloString bundleVersion;
-  TavloString model;
-  TavloString systemVersion;
-  std::optional<int32_t> userInterfaceIdiom;
-  std::optional<TavloScreen> screen;
+  TavloString bundleName;                     ///< the application's name; names its queue folder
+  TavloString bundleVersion;                  ///< the application's version
+  TavloString model;                          ///< the device's model name
+  TavloString systemVersion;                  ///< the operating system's version
+  std::optional<int32_t> userInterfaceIdiom;  ///< a TavloUserInterfaceIdiom value
+  std::optional<TavloScreen> screen;          ///< the main screen
 };
 
 /// Device and application facts. Values may be read often (every hit), so
@@ -53,6 +53,8 @@ class TAVLO_EXPORT TavloDeviceInfo {
   /// The main screen, or nothing when there is none.
   virtual std::optional<TavloScreen> mainScreen() = 0;
   /// The application's name and version, as shown in the "User-Agent" header.
+  ///@{
   virtual TavloString bundleName() = 0;
   virtual TavloString bundleVersion() = 0;
+  ///@}
 };

@@ -9,10 +9,10 @@
 /// compiled-in defaults come from the build's configuration; tests and demos replace
 /// them, scheme included, to talk to a local server such as "http://127.0.0.1:8080".
 struct TAVLO_EXPORT TavloEndpoints {
-  std::string authorisation;
-  std::string audienceCollection;
-  std::string streamingCollection;
-  std::string secondCollection;
+  std::string authorisation;        ///< where hits are authorised
+  std::string audienceCollection;   ///< where audience hits go
+  std::string streamingCollection;  ///< where streaming hits go
+  std::string secondCollection;     ///< the second collection endpoint
 
   /// The endpoints this build was configured with.
   static TavloEndpoints compiledDefaults();

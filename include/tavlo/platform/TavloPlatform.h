@@ -28,18 +28,18 @@
 ///
 /// To replace one seam and keep the rest, copy `linuxDefaults()` and assign one member.
 struct TAVLO_EXPORT TavloPlatform {
-  std::shared_ptr<TavloClock> clock;
-  std::shared_ptr<TavloRandom> random;
-  std::shared_ptr<TavloLogSink> logSink;
-  std::shared_ptr<TavloFileSystem> files;
-  std::shared_ptr<TavloSecureStore> secureStore;
-  std::shared_ptr<TavloDeviceInfo> deviceInfo;
+  std::shared_ptr<TavloClock> clock;          ///< wall-clock time
+  std::shared_ptr<TavloRandom> random;        ///< random numbers and UUIDs
+  std::shared_ptr<TavloLogSink> logSink;      ///< where diagnostic lines go
+  std::shared_ptr<TavloFileSystem> files;     ///< the queue file and its folder
+  std::shared_ptr<TavloSecureStore> secureStore;  ///< the device identifier's store
+  std::shared_ptr<TavloDeviceInfo> deviceInfo;    ///< device and application facts
   /// May be empty: no advertising identifier is available.
   std::shared_ptr<TavloAdvertisingIdProvider> advertisingIdProvider;
-  std::shared_ptr<TavloMainQueue> mainQueue;
-  std::shared_ptr<TavloHttpClient> httpClient;
-  std::shared_ptr<TavloReachabilitySource> reachabilitySource;
-  TavloEndpoints endpoints = TavloEndpoints::compiledDefaults();
+  std::shared_ptr<TavloMainQueue> mainQueue;    ///< the application's main thread, for timers and notifications
+  std::shared_ptr<TavloHttpClient> httpClient;  ///< sends authorisation requests and hits
+  std::shared_ptr<TavloReachabilitySource> reachabilitySource;  ///< tells whether the network is reachable
+  TavloEndpoints endpoints = TavloEndpoints::compiledDefaults();  ///< where requests go
 
   /// The Linux implementations of every seam: system clock, a seeded generator and
   /// libuuid, standard error, POSIX files under $XDG_DATA_HOME (or ~/.local/share), a

@@ -45,7 +45,10 @@ class TAVLO_EXPORT TavloReachabilityHandle {
 class TAVLO_EXPORT TavloReachabilitySource {
  public:
   virtual ~TavloReachabilitySource() = default;
-  /// Nothing when the source refuses the target.
+  /// A handle watching whether `address` (or `hostName`) can be reached; nothing when
+  /// the source refuses the target.
+  ///@{
   virtual std::shared_ptr<TavloReachabilityHandle> handleForAddress(const sockaddr_in& address) = 0;
   virtual std::shared_ptr<TavloReachabilityHandle> handleForHostName(const std::string& hostName) = 0;
+  ///@}
 };

@@ -22,9 +22,9 @@ enum TavloSecureStoreStatus : int32_t {
 /// Identifies one generic item: its service, its account and, when present, the access
 /// group that shares it between applications.
 struct TAVLO_EXPORT TavloSecureItemQuery {
-  std::string service;
-  std::string account;
-  TavloString accessGroup;
+  std::string service;      ///< the item's service
+  std::string account;      ///< the item's account
+  TavloString accessGroup;  ///< absent: the application's own items
 };
 
 /// A keychain-like store of generic items that outlive the application's installation.
