@@ -2,6 +2,8 @@
 // nothing beyond the public API, and its virtual-time queue runs timers only when told.
 #include <cstdio>
 
+#include <tavlo/TavloTagger.h>
+
 #include <tavlo/testkit/TavloCapturingLogSink.h>
 #include <tavlo/testkit/TavloManualClock.h>
 #include <tavlo/testkit/TavloManualMainQueue.h>
@@ -19,6 +21,8 @@ int main() {
   http.enqueue(TavloScriptedHttpClient::answer(200, "OK"));
   const bool ok = firings == 5 && clock->now() == 1600 && http.get(TavloHttpRequest{}).status == 200 &&
                   http.requestCount() == 1;
+  // The kit comes with the library it stands beside.
+  std::printf("Tavlo %s with its test kit\n", TavloTagger::TavloVersion().c_str());
   std::puts(ok ? "consumer: OK" : "consumer: FAILED");
   return ok ? 0 : 1;
 }

@@ -53,8 +53,10 @@ class TAVLO_EXPORT TavloMainQueue {
   virtual bool isCurrent() = 0;
 
   /// Shortest and longest interval a timer uses, in seconds.
+  ///@{
   static constexpr double kShortestInterval = 0.0001;
   static constexpr double kLongestInterval = 1e9;
+  ///@}
 
   /// The interval, in seconds, a timer asked for `interval` seconds really uses.
   static constexpr double effectiveInterval(double interval) {
