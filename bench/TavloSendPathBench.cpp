@@ -30,6 +30,8 @@
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/TavloVersion.h"
+#include "streaming/TavloStreamingTaggerImpl.h"
+#include "tagging/TavloAudienceTaggerImpl.h"
 
 namespace {
 
@@ -157,7 +159,7 @@ void BM_SendLoopCpuPerAudienceHit(benchmark::State& state) {
     if (state.range(0) == 0) test.platform.files = std::make_shared<TavloPosixFileSystem>("");
     auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
     agent->TEST_waitUntilIdle();
-    auto tagger = TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, "S1", std::nullopt);
+    auto tagger = TavloAudienceTaggerOnAgent(agent, "S1", std::nullopt);
     const ThreadInfo before = libraryThreads("TavloRequestSen");
     for (int i = 0; i < kHits; ++i) tagger->sendHitWithLevel1("screen " + std::to_string(i), "section");
     collector.server.waitForRequests(kHits + 1, std::chrono::seconds(120));
@@ -179,7 +181,7 @@ void BM_SendLoopCpuPerStreamingHitFromTheQueueFile(benchmark::State& state) {
     {
       // Queue the hits of a playing tagger while offline, and keep them in the file.
       auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
-      auto tagger = TavloStreamingTagger::TavloStreamingTaggerWithSerial(agent, "S1", "Film", 50, "http://m", 3600,
+      auto tagger = TavloStreamingTaggerOnAgent(agent, "S1", "Film", 50, "http://m", 3600,
                                                                           TavloStreamingTypeNoPosition);
       // Offline, a play makes no hit and a pause makes one.
       for (int i = 0; i < 2 * kHits; ++i) {
@@ -239,7 +241,7 @@ std::vector<double> timeEach(int count, Call call) {
 void BM_CallerCostOfAnAudienceHit(benchmark::State& state) {
   TavloTestPlatform test = callerPlatform();
   auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
-  auto tagger = TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, "S1", std::nullopt);
+  auto tagger = TavloAudienceTaggerOnAgent(agent, "S1", std::nullopt);
   const TavloParameters sample = agent->defaultParameters();
   std::vector<double> calls, floor;
   for (auto _ : state) {
@@ -263,7 +265,7 @@ BENCHMARK(BM_CallerCostOfAnAudienceHit)->Iterations(5)->Unit(benchmark::kMillise
 void BM_CallerCostOfAStreamingEvent(benchmark::State& state) {
   TavloTestPlatform test = callerPlatform();
   auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
-  auto tagger = TavloStreamingTagger::TavloStreamingTaggerWithSerial(agent, "S1", "Film", 50, "http://m", 3600,
+  auto tagger = TavloStreamingTaggerOnAgent(agent, "S1", "Film", 50, "http://m", 3600,
                                                                       TavloStreamingTypeNoPosition);
   std::vector<double> calls, floor;
   for (auto _ : state) {
@@ -308,7 +310,7 @@ void BM_ThreadsAndWakeUpsWhilePlaying(benchmark::State& state) {
     const auto play = [&](int count) {
       std::vector<std::shared_ptr<TavloStreamingTagger>> taggers;
       for (int i = 0; i < count; ++i) {
-        taggers.push_back(TavloStreamingTagger::TavloStreamingTaggerWithSerial(
+        taggers.push_back(TavloStreamingTaggerOnAgent(
             agent, "S1", "Film " + std::to_string(i), 50, "http://m", 3600, TavloStreamingTypeNoPosition));
         taggers.back()->notifyEvent(TavloStreamingEventPlay, 0);
       }

@@ -9,9 +9,6 @@
 #include "tavlo/TavloTagger.h"
 #include "tavlo/TavloTypes.h"
 
-class TavloAgent;
-class TavloTaggerID;
-
 /// Sends one hit each time the application shows a screen, labelled by up to four levels
 /// ("c", "p", "l3", "l4") plus the tagger's free levels and media descriptors, on top of
 /// the library's default parameters.
@@ -38,11 +35,6 @@ class TAVLO_EXPORT TavloAudienceTagger : public TavloTagger {
   static std::shared_ptr<TavloAudienceTagger> TavloAudienceTaggerWithSerial(TavloString serial,
                                                                             TavloString customerData = std::nullopt);
 
-  /// The same on a given agent, for platform shims and tests.
-  static std::shared_ptr<TavloAudienceTagger> TavloAudienceTaggerWithSerial(const std::shared_ptr<TavloAgent>& agent,
-                                                                            TavloString serial,
-                                                                            TavloString customerData);
-
   ~TavloAudienceTagger() override;
 
   /// Sends one hit: level 1 as "c", level 2 as "p", level 3 as "l3", level 4 as "l4".
@@ -56,12 +48,12 @@ class TAVLO_EXPORT TavloAudienceTagger : public TavloTagger {
   static void addParam(const TavloString& value, const std::string& key, TavloParameters* dictionary,
                        std::size_t limit = 0);
 
-  /// This tagger's identity: its serial, the audience partial identifier, not streaming.
-  const std::shared_ptr<TavloTaggerID>& taggerID() const { return taggerID_; }
+ /// What the library keeps for each tagger. Only the library defines it: its layout is
+  /// not part of an application's build, and it may change in any release.
+  class Impl;
 
  private:
-  TavloAudienceTagger(std::weak_ptr<TavloAgent> agent, TavloString serial, TavloString customerData);
+  TavloAudienceTagger(std::unique_ptr<Impl> impl, TavloString serial, TavloString customerData);
 
-  const std::weak_ptr<TavloAgent> agent_;
-  const std::shared_ptr<TavloTaggerID> taggerID_;
+  const std::unique_ptr<Impl> impl_;
 };

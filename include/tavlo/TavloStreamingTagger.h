@@ -2,27 +2,14 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "tavlo/TavloExport.h"
 #include "tavlo/TavloStreamingConfig.h"
 #include "tavlo/TavloStreamingTaggerDelegate.h"
 #include "tavlo/TavloTagger.h"
 #include "tavlo/TavloTypes.h"
-#include "tavlo/platform/TavloPlatform.h"
-
-class TavloAgent;
-class TavloNotificationCenter;
-class TavloReachability;
-class TavloRequest;
-class TavloTaggerID;
-class TavloTimer;
 
 /// Where a streaming tagger's positions come from. Stored as given; any other value
 /// behaves as TavloStreamingTypeNoPosition.
@@ -75,7 +62,7 @@ inline constexpr int32_t TavloStreamingTaggerUnknownLocation = -1;
 ///
 /// Threads: every member may be called from any thread. Timers fire on the library's
 /// main queue (TavloPlatform::mainQueue). The tagger's state is guarded by its own
-/// mutex, `stateProtector`, which is never held while the tagger calls the agent, the
+/// mutex, which is never held while the tagger calls the agent, the
 /// delegate, the configuration callback, the logger or the log sink; it may be held
 /// while arming or stopping a timer on the main queue, which never calls back in place.
 /// Hits reach the agent in the order of their ranks, whichever thread made them.
@@ -103,13 +90,6 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
       TavloString serial, TavloString mediaName, int64_t mediaVolume, TavloString mediaURL, int64_t mediaLength,
       TavloStreamingType streamingType, ConfigurationBlock configurationBlock = nullptr);
 
-  /// The same on a given agent, for platform shims and tests. A null agent gives a tagger
-  /// that never sends.
-  static std::shared_ptr<TavloStreamingTagger> TavloStreamingTaggerWithSerial(
-      const std::shared_ptr<TavloAgent>& agent, TavloString serial, TavloString mediaName, int64_t mediaVolume,
-      TavloString mediaURL, int64_t mediaLength, TavloStreamingType streamingType,
-      ConfigurationBlock configurationBlock = nullptr);
-
   ~TavloStreamingTagger() override;
 
   // Events.
@@ -128,14 +108,14 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
   // The medium.
 
   /// The streaming type given at creation.
-  TavloStreamingType streamingType() const { return streamingType_; }
+  TavloStreamingType streamingType() const;
   /// The classification levels from the configuration callback.
   ///@{
-  TavloString level1() const { return level1_; }
-  TavloString level2() const { return level2_; }
-  TavloString level3() const { return level3_; }
-  TavloString level4() const { return level4_; }
-  TavloString level5() const { return level5_; }
+  TavloString level1() const;
+  TavloString level2() const;
+  TavloString level3() const;
+  TavloString level4() const;
+  TavloString level5() const;
   ///@}
 
   /// Name ("cmsSN", never cut) and address ("cmsME") of the medium. The setters ignore
@@ -178,85 +158,12 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
   /// cannot be reached, else sendingMode().
   TavloSendingMode getCurrentMode() const;
 
-  /// This tagger's identity: its serial, a partial identifier of its own, streaming.
-  /// Null on a tagger that cannot send.
-  const std::shared_ptr<TavloTaggerID>& taggerID() const { return taggerID_; }
+ /// What the library keeps for each tagger. Only the library defines it: its layout is
+  /// not part of an application's build, and it may change in any release.
+  class Impl;
 
  private:
-  struct Setup;
-  struct HitEnvironment;
-  struct PendingLine;
-  using PendingLines = std::vector<PendingLine>;
+  TavloStreamingTagger(std::unique_ptr<Impl> impl, TavloString serial, TavloString customerData);
 
-  explicit TavloStreamingTagger(Setup&& setup);
-  // A tagger that never sends, for unusable arguments.
-  static std::shared_ptr<TavloStreamingTagger> rejected(const std::shared_ptr<TavloAgent>& agent, const char* message);
-  // Starts following the network. Called once, by the factory, once shared ownership exists.
-  void start();
-  void reachabilityStatusChanged();
-
-  // Everything a hit takes from outside the tagger, gathered before stateProtector is taken.
-  HitEnvironment environment(TavloAgent& agent) const;
-  bool accessRefusesStreaming(TavloAgent& agent) const;
-  std::optional<int64_t> positionFromDelegate();
-  // Writes what the locked sections collected, in order, once the lock is released.
-  void emit(const PendingLines& lines) const;
-  // Hands the ranked hits waiting in `outbox_` to the agent, in rank order, without a lock held.
-  void drainOutbox(TavloAgent& agent);
-
-  // Timer operations, on the main queue.
-  void poll(const std::shared_ptr<TavloTimer>& timer);
-  void handleThrottledEvent(const std::shared_ptr<TavloTimer>& timer);
-
-  // REQUIRES: stateProtector held, for all of these.
-  bool authorizedEventLocked(TavloStreamingEvent event) const;
-  TavloSendingMode currentModeLocked() const;
-  uint64_t TavloStreamingEventToIntegerValueLocked(uint64_t event) const;
-  // Takes the defaults out of `environment`: each environment makes one hit. A `rank`
-  // above 0 is written into the hit as "cmsRK", as addRequestToAgentLocked would.
-  std::shared_ptr<TavloRequest> generateRequestLocked(const char* eventType, uint64_t event,
-                                                      HitEnvironment& environment, PendingLines& lines,
-                                                      int64_t rank);
-  // Ranks `request` and puts it in the outbox.
-  void addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request);
-  void recordPositionLocked(int64_t position);
-  void startPollingLocked();
-  void stopPollingLocked();
-  void resetTaggerLocked();
-
-  const std::weak_ptr<TavloAgent> agent_;
-  const TavloPlatform platform_;
-  const std::shared_ptr<TavloNotificationCenter> center_;
-  const std::shared_ptr<TavloTaggerID> taggerID_;
-  const TavloStreamingType streamingType_;
-  const TavloString level1_;
-  const TavloString level2_;
-  const TavloString level3_;
-  const TavloString level4_;
-  const TavloString level5_;
-  std::shared_ptr<TavloReachability> reachability_;  // set once by start()
-  uint64_t reachabilityObserver_ = 0;                // set once by start()
-
-  mutable std::mutex stateProtector;
-  std::shared_ptr<TavloTimer> timer_;                     // guarded by stateProtector; the polling timer
-  bool disconnectedMode_ = false;                         // guarded by stateProtector
-  uint64_t lastEvent_ = TavloStreamingEventNone;          // guarded by stateProtector
-  bool hasBeenPaused_ = false;                            // guarded by stateProtector; never cleared
-  uint64_t numberOfPolls_ = 0;                            // guarded by stateProtector
-  int64_t rank_ = 0;                                      // guarded by stateProtector
-  TavloString mediaName_;                                 // guarded by stateProtector
-  TavloString mediaGenre_;                                // guarded by stateProtector
-  TavloString mediaProvider_;                             // guarded by stateProtector
-  TavloString mediaURL_;                                  // guarded by stateProtector
-  int64_t mediaVolume_ = 0;                               // guarded by stateProtector
-  int64_t mediaLength_ = 0;                               // guarded by stateProtector
-  std::weak_ptr<TavloStreamingTaggerDelegate> delegate_;  // guarded by stateProtector
-  TavloSendingMode sendingMode_ = TavloSendingModeLive;   // guarded by stateProtector
-  std::optional<int64_t> positionFromPolling_;            // guarded by stateProtector
-  std::vector<int64_t> positions_;                        // guarded by stateProtector; oldest first
-  std::shared_ptr<TavloRequest> lastSentRequest_;         // guarded by stateProtector
-  std::shared_ptr<TavloRequest> lastThrottledRequest_;    // guarded by stateProtector
-  std::shared_ptr<TavloTimer> timerThrottle_;             // guarded by stateProtector
-  std::deque<std::shared_ptr<TavloRequest>> outbox_;      // guarded by stateProtector; ranked, not handed over yet
-  bool draining_ = false;                                 // guarded by stateProtector
+  const std::unique_ptr<Impl> impl_;
 };

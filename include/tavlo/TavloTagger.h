@@ -1,9 +1,8 @@
 // The common base of Tavlo's taggers.
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <mutex>
+#include <memory>
 #include <string>
 
 #include "tavlo/TavloExport.h"
@@ -109,40 +108,12 @@ class TAVLO_EXPORT TavloTagger {
   /// without touching the process-wide threshold.
   TavloTagger(TavloString serial, TavloString customerData);
 
-  /// For the streaming tagger's set-up only.
-  void setCanSend(bool canSend);
-
-  /// Level `index` (1 ... 11), for subclasses building hits.
-  TavloString newLevel(int index) const;
-
-  /// The read-write properties a hit carries, read together under one lock: a hit pays
-  /// for one lock instead of one per property, and never mixes old and new values.
-  struct HitProperties {
-    bool useIDFA = false;                                ///< as `useIDFA()`
-    std::array<TavloString, kNewLevelCount> newLevels;  ///< levels 1 ... 11
-    TavloString mediaContentId;                          ///< as `mediaContentId()`
-    TavloString mediaDiffMode;                           ///< as `mediaDiffMode()`
-    TavloString mediaChannel;                            ///< as `mediaChannel()`
-    TavloString netMeasurement;                          ///< as `netMeasurement()`
-  };
-  /// Those properties, as they are now.
-  HitProperties hitProperties() const;
+  /// What the library's own taggers read and write behind the accessors; defined inside
+  /// the library, so its layout is not part of an application's build.
+  class State;
+  /// This tagger's state.
+  State& state() const { return *state_; }
 
  private:
-  TavloString stringProperty(const TavloString TavloTagger::*field) const;
-  void setStringProperty(TavloString TavloTagger::*field, TavloString value);
-  void setNewLevel(int index, TavloString level);
-
-  const TavloString serial_;
-  const TavloString customerData_;
-
-  mutable std::mutex mutex_;
-  bool canSend_ = false;                                 // guarded by mutex_
-  bool useIDFA_ = false;                                 // guarded by mutex_
-  int64_t loggingMode_ = 2;                              // guarded by mutex_
-  std::array<TavloString, kNewLevelCount> newLevels_;    // guarded by mutex_
-  TavloString mediaContentId_;                           // guarded by mutex_
-  TavloString mediaDiffMode_;                            // guarded by mutex_
-  TavloString mediaChannel_;                             // guarded by mutex_
-  TavloString netMeasurement_;                           // guarded by mutex_
+  const std::unique_ptr<State> state_;
 };

@@ -19,6 +19,9 @@ using TavloParameters = std::map<std::string, std::string>;
 using TavloDate = double;
 
 /// Seconds between 1970-01-01 and 2001-01-01, the reference date of archived dates.
+/// Deprecated: a detail of the queue file's format that no call of the API takes; it
+/// leaves this header in the next major release.
+[[deprecated("a detail of the queue file's format, which no call of the API takes")]]
 inline constexpr double TavloSecondsFrom1970To2001 = 978307200.0;
 
 /// How a hit is sent and stamped. Live hits go to the access's host without a time

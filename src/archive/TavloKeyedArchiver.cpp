@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "util/TavloText.h"
+#include "util/TavloCalendar.h"
 
 namespace {
 
@@ -78,7 +79,7 @@ void TavloKeyedArchiver::encodeDate(const std::optional<TavloDate>& value, const
   if (value) {
     // The class comes before the date in "$objects", as it always has.
     const Entry entries[] = {
-        {timeKey_, writer_.real(*value - TavloSecondsFrom1970To2001)},
+        {timeKey_, writer_.real(*value - kTavloSecondsFrom1970To2001)},
         {classKey_, writer_.uid(uidForClass(kDateClasses))},
     };
     const Object date = writer_.dictionary();

@@ -1,4 +1,5 @@
 #include "archive/TavloKeyedUnarchiver.h"
+#include "util/TavloCalendar.h"
 
 #include <cmath>
 #include <exception>
@@ -201,7 +202,7 @@ std::optional<TavloDate> TavloKeyedUnarchiver::decodeDate(const std::string& key
     return std::nullopt;
   }
   if (!std::isfinite(seconds)) return std::nullopt;
-  return seconds + TavloSecondsFrom1970To2001;
+  return seconds + kTavloSecondsFrom1970To2001;
 }
 
 std::shared_ptr<const TavloParameters> TavloKeyedUnarchiver::decodeParameters(const std::string& key) {

@@ -11,7 +11,9 @@
 #include "platform/TavloReachability.h"
 #include "request/TavloRequest.h"
 #include "streaming/TavloTimer.h"
+#include "streaming/TavloStreamingTaggerImpl.h"
 #include "tagging/TavloHitParameter.h"
+#include "tagging/TavloTaggerState.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "util/TavloLocked.h"
 #include "util/TavloLogSafe.h"
@@ -61,7 +63,7 @@ std::string majorVersion(const std::string& version) { return version.substr(0, 
 }  // namespace
 
 // What the factory hands the constructor.
-struct TavloStreamingTagger::Setup {
+struct TavloStreamingTagger::Impl::Setup {
   std::shared_ptr<TavloAgent> agent;
   std::shared_ptr<TavloTaggerID> taggerID;
   TavloString serial;
@@ -74,7 +76,7 @@ struct TavloStreamingTagger::Setup {
   bool canSend = false;
 };
 
-struct TavloStreamingTagger::HitEnvironment {
+struct TavloStreamingTagger::Impl::HitEnvironment {
   TavloParameters defaults;  // this hit's own copy, which the hit's dictionary grows from
   std::string model;
   bool useIDFA = false;
@@ -85,17 +87,15 @@ struct TavloStreamingTagger::HitEnvironment {
 // A log line waiting for the lock to be released: through the logger, or, for the
 // parameter dump, straight to the log sink whatever the threshold. A fixed text is kept
 // as a pointer to it, not copied.
-struct TavloStreamingTagger::PendingLine {
+struct TavloStreamingTagger::Impl::PendingLine {
   std::string text;
   int64_t mode = TavloLoggingModeInfo;
   bool direct = false;
   const char* fixedText = nullptr;  // when set, written instead of `text`
 };
 
-TavloStreamingTagger::TavloStreamingTagger(Setup&& setup)
-    : TavloTagger(setup.canSend ? setup.serial : std::nullopt,
-                  setup.canSend ? setup.config.customerData() : std::nullopt),
-      agent_(setup.agent),
+TavloStreamingTagger::Impl::Impl(Setup&& setup)
+    : agent_(setup.agent),
       platform_(setup.agent ? setup.agent->platform() : TavloPlatform{}),
       center_(setup.agent ? setup.agent->notificationCenter() : nullptr),
       taggerID_(setup.canSend ? std::move(setup.taggerID) : nullptr),
@@ -105,6 +105,7 @@ TavloStreamingTagger::TavloStreamingTagger(Setup&& setup)
       level3_(setup.config.level3()),
       level4_(setup.config.level4()),
       level5_(setup.config.level5()),
+      canSend_(setup.canSend),
       mediaName_(std::move(setup.mediaName)),
       mediaGenre_(setup.config.mediaGenre()),
       mediaProvider_(setup.config.mediaProvider()),
@@ -112,10 +113,9 @@ TavloStreamingTagger::TavloStreamingTagger(Setup&& setup)
       mediaVolume_(setup.mediaVolume),
       mediaLength_(setup.mediaLength) {
   positions_.reserve(kPositionHistoryLimit);
-  setCanSend(setup.canSend);
 }
 
-TavloStreamingTagger::~TavloStreamingTagger() {
+TavloStreamingTagger::Impl::~Impl() {
   if (reachability_) reachability_->stopNotifier();
   if (center_ && reachabilityObserver_ != 0) center_->removeObserver(reachabilityObserver_);
   std::lock_guard lock(stateProtector);
@@ -124,14 +124,24 @@ TavloStreamingTagger::~TavloStreamingTagger() {
   timerThrottle_.reset();
 }
 
+TavloStreamingTagger::TavloStreamingTagger(std::unique_ptr<Impl> impl, TavloString serial, TavloString customerData)
+    : TavloTagger(std::move(serial), std::move(customerData)), impl_(std::move(impl)) {
+  impl_->owner_ = this;
+  state().setCanSend(impl_->canSend_);
+}
+
+// The timers and observers hold the public object weakly, so whatever runs on the main
+// queue keeps the tagger, and this with it, alive while it runs; the destructor stops them.
+TavloStreamingTagger::~TavloStreamingTagger() = default;
+
 std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTaggerWithSerial(
     TavloString serial, TavloString mediaName, int64_t mediaVolume, TavloString mediaURL, int64_t mediaLength,
     TavloStreamingType streamingType, ConfigurationBlock configurationBlock) {
-  return TavloStreamingTaggerWithSerial(TavloAgent::sharedAgent(), std::move(serial), std::move(mediaName), mediaVolume,
-                                        std::move(mediaURL), mediaLength, streamingType, std::move(configurationBlock));
+  return Impl::make(TavloAgent::sharedAgent(), std::move(serial), std::move(mediaName), mediaVolume,
+                    std::move(mediaURL), mediaLength, streamingType, std::move(configurationBlock));
 }
 
-std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTaggerWithSerial(
+std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::Impl::make(
     const std::shared_ptr<TavloAgent>& agent, TavloString serial, TavloString mediaName, int64_t mediaVolume,
     TavloString mediaURL, int64_t mediaLength, TavloStreamingType streamingType,
     ConfigurationBlock configurationBlock) {
@@ -168,32 +178,36 @@ std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::TavloStreamingTagger
   setup.mediaLength = mediaLength;
   setup.streamingType = streamingType;
   setup.canSend = true;
-  std::shared_ptr<TavloStreamingTagger> tagger(new TavloStreamingTagger(std::move(setup)));
-  tagger->start();
+  TavloString customerData = setup.config.customerData();
+  TavloString theSerial = setup.serial;
+  std::shared_ptr<TavloStreamingTagger> tagger(new TavloStreamingTagger(
+      std::make_unique<Impl>(std::move(setup)), std::move(theSerial), std::move(customerData)));
+  tagger->impl_->start();
   return tagger;
 }
 
-std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::rejected(const std::shared_ptr<TavloAgent>& agent,
+std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::Impl::rejected(const std::shared_ptr<TavloAgent>& agent,
                                                                      const char* message) {
   TavloLogger::log(message, TavloLoggingModeError);
   Setup setup;
   setup.agent = agent;
-  return std::shared_ptr<TavloStreamingTagger>(new TavloStreamingTagger(std::move(setup)));
+  return std::shared_ptr<TavloStreamingTagger>(
+      new TavloStreamingTagger(std::make_unique<Impl>(std::move(setup)), std::nullopt, std::nullopt));
 }
 
-void TavloStreamingTagger::start() {
+void TavloStreamingTagger::Impl::start() {
   reachability_ = TavloReachability::reachabilityForInternetConnection(platform_, center_);
   reachabilityStatusChanged();
   if (!center_) return;
   reachabilityObserver_ = center_->addObserver(std::string(kTavloReachabilityChangedNotification),
-                                               [weakSelf = weak_from_this()](const std::string&, const void*) {
-                                                 if (const auto self = weakSelf.lock())
-                                                   self->reachabilityStatusChanged();
+                                               [weakTagger = owner_->weak_from_this()](const std::string&, const void*) {
+                                                 if (const auto tagger = weakTagger.lock())
+                                                   tagger->impl_->reachabilityStatusChanged();
                                                });
   if (reachability_) reachability_->startNotifier();
 }
 
-void TavloStreamingTagger::reachabilityStatusChanged() {
+void TavloStreamingTagger::Impl::reachabilityStatusChanged() {
   // Without a monitor the network state is unknown: hits are then made as disconnected
   // ones, time-stamped, which stay right whenever they are finally sent.
   const bool reachable = reachability_ && reachability_->isReachable();
@@ -203,59 +217,59 @@ void TavloStreamingTagger::reachabilityStatusChanged() {
 
 // Properties.
 
-TavloString TavloStreamingTagger::mediaName() const { return TavloLockedRead(stateProtector, mediaName_); }
+TavloString TavloStreamingTagger::Impl::mediaName() const { return TavloLockedRead(stateProtector, mediaName_); }
 
-void TavloStreamingTagger::setMediaName(const TavloString& mediaName) {
+void TavloStreamingTagger::Impl::setMediaName(const TavloString& mediaName) {
   if (!mediaName || mediaName->empty()) return;
   std::lock_guard lock(stateProtector);
   mediaName_ = mediaName;
 }
 
-TavloString TavloStreamingTagger::mediaURL() const { return TavloLockedRead(stateProtector, mediaURL_); }
+TavloString TavloStreamingTagger::Impl::mediaURL() const { return TavloLockedRead(stateProtector, mediaURL_); }
 
-void TavloStreamingTagger::setMediaURL(const TavloString& mediaURL) {
+void TavloStreamingTagger::Impl::setMediaURL(const TavloString& mediaURL) {
   if (!mediaURL || mediaURL->empty()) return;
   std::lock_guard lock(stateProtector);
   mediaURL_ = mediaURL;
 }
 
-TavloString TavloStreamingTagger::mediaGenre() const { return TavloLockedRead(stateProtector, mediaGenre_); }
+TavloString TavloStreamingTagger::Impl::mediaGenre() const { return TavloLockedRead(stateProtector, mediaGenre_); }
 
-void TavloStreamingTagger::setMediaGenre(TavloString mediaGenre) {
+void TavloStreamingTagger::Impl::setMediaGenre(TavloString mediaGenre) {
   TavloLockedWrite(stateProtector, mediaGenre_, std::move(mediaGenre));
 }
 
-TavloString TavloStreamingTagger::mediaProvider() const { return TavloLockedRead(stateProtector, mediaProvider_); }
+TavloString TavloStreamingTagger::Impl::mediaProvider() const { return TavloLockedRead(stateProtector, mediaProvider_); }
 
-void TavloStreamingTagger::setMediaProvider(TavloString mediaProvider) {
+void TavloStreamingTagger::Impl::setMediaProvider(TavloString mediaProvider) {
   TavloLockedWrite(stateProtector, mediaProvider_, std::move(mediaProvider));
 }
 
-int64_t TavloStreamingTagger::mediaVolume() const { return TavloLockedRead(stateProtector, mediaVolume_); }
+int64_t TavloStreamingTagger::Impl::mediaVolume() const { return TavloLockedRead(stateProtector, mediaVolume_); }
 
-void TavloStreamingTagger::setMediaVolume(int64_t mediaVolume) {
+void TavloStreamingTagger::Impl::setMediaVolume(int64_t mediaVolume) {
   TavloLockedWrite(stateProtector, mediaVolume_, mediaVolume);
 }
 
-int64_t TavloStreamingTagger::mediaLength() const { return TavloLockedRead(stateProtector, mediaLength_); }
+int64_t TavloStreamingTagger::Impl::mediaLength() const { return TavloLockedRead(stateProtector, mediaLength_); }
 
-void TavloStreamingTagger::setMediaLength(int64_t mediaLength) {
+void TavloStreamingTagger::Impl::setMediaLength(int64_t mediaLength) {
   TavloLockedWrite(stateProtector, mediaLength_, mediaLength);
 }
 
-std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::delegate() const {
+std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::Impl::delegate() const {
   std::lock_guard lock(stateProtector);
   return delegate_.lock();
 }
 
-void TavloStreamingTagger::setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate) {
+void TavloStreamingTagger::Impl::setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate) {
   TavloLockedWrite(stateProtector, delegate_, std::move(delegate));
 }
 
-TavloSendingMode TavloStreamingTagger::sendingMode() const { return TavloLockedRead(stateProtector, sendingMode_); }
+TavloSendingMode TavloStreamingTagger::Impl::sendingMode() const { return TavloLockedRead(stateProtector, sendingMode_); }
 
-void TavloStreamingTagger::setSendingMode(TavloSendingMode sendingMode) {
-  if (!canSend()) return;
+void TavloStreamingTagger::Impl::setSendingMode(TavloSendingMode sendingMode) {
+  if (!canSend_) return;
   if (sendingMode != TavloSendingModeTimestamped && sendingMode != TavloSendingModeLive &&
       sendingMode != TavloSendingModeDisconnected) {
     TavloLogger::log("TavloStreamingTagger - Sending mode " + std::to_string(static_cast<int64_t>(sendingMode)) +
@@ -271,25 +285,25 @@ void TavloStreamingTagger::setSendingMode(TavloSendingMode sendingMode) {
   reachabilityStatusChanged();
 }
 
-TavloSendingMode TavloStreamingTagger::getCurrentMode() const {
+TavloSendingMode TavloStreamingTagger::Impl::getCurrentMode() const {
   std::lock_guard lock(stateProtector);
   return currentModeLocked();
 }
 
-TavloSendingMode TavloStreamingTagger::currentModeLocked() const {
+TavloSendingMode TavloStreamingTagger::Impl::currentModeLocked() const {
   return disconnectedMode_ ? TavloSendingModeDisconnected : sendingMode_;
 }
 
 // Events.
 
-void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event) {
+void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event) {
   int64_t position = TavloStreamingTaggerUnknownLocation;
   if (streamingType_ == TavloStreamingTypeDelegatePosition) position = positionFromDelegate().value_or(position);
   notifyEvent(event, position);
 }
 
-void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t position) {
-  if (!canSend()) return;
+void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event, int64_t position) {
+  if (!canSend_) return;
   if (event != TavloStreamingEventPlay && event != TavloStreamingEventPause && event != TavloStreamingEventStop) {
     TavloLogger::log("TavloStreamingTagger - Event " + std::to_string(static_cast<uint64_t>(event)) +
                          " is not play (0), pause (1) or stop (2): ignored",
@@ -342,8 +356,7 @@ void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t positi
         } else {
           outbox_.push_back(request);
           lastSentRequest_ = request;
-          timerThrottle_ = TavloTimer::TavloTimerWithInterval(platform_.mainQueue, kThrottlePeriod, weak_from_this(),
-                                                              &TavloStreamingTagger::handleThrottledEvent, false);
+          timerThrottle_ = armTimer(kThrottlePeriod, &Impl::handleThrottledEvent, false);
         }
       }
       if (accepted != TavloStreamingEventStop) startPollingLocked();
@@ -353,7 +366,7 @@ void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t positi
   drainOutbox(*agent);
 }
 
-bool TavloStreamingTagger::authorizedEventLocked(TavloStreamingEvent event) const {
+bool TavloStreamingTagger::Impl::authorizedEventLocked(TavloStreamingEvent event) const {
   if (event == lastEvent_) return false;
   switch (event) {
     case TavloStreamingEventPlay:
@@ -367,7 +380,7 @@ bool TavloStreamingTagger::authorizedEventLocked(TavloStreamingEvent event) cons
   }
 }
 
-uint64_t TavloStreamingTagger::TavloStreamingEventToIntegerValueLocked(uint64_t event) const {
+uint64_t TavloStreamingTagger::Impl::TavloStreamingEventToIntegerValueLocked(uint64_t event) const {
   // Outside live mode the collection server takes every event as a plain audience
   // signal, code 5.
   if (currentModeLocked() != TavloSendingModeLive) return 5;
@@ -381,29 +394,29 @@ uint64_t TavloStreamingTagger::TavloStreamingEventToIntegerValueLocked(uint64_t 
   }
 }
 
-void TavloStreamingTagger::recordPositionLocked(int64_t position) {
+void TavloStreamingTagger::Impl::recordPositionLocked(int64_t position) {
   if (positions_.size() >= kPositionHistoryLimit) positions_.erase(positions_.begin(), positions_.end() - 1);
   positions_.push_back(position);
 }
 
 // Hits.
 
-TavloStreamingTagger::HitEnvironment TavloStreamingTagger::environment(TavloAgent& agent) const {
+TavloStreamingTagger::Impl::HitEnvironment TavloStreamingTagger::Impl::environment(TavloAgent& agent) const {
   HitEnvironment environment;
   environment.defaults = agent.defaultParameters();
   environment.model = platform_.deviceInfo ? platform_.deviceInfo->model() : std::string();
-  environment.useIDFA = useIDFA();
+  environment.useIDFA = owner_->useIDFA();
   if (environment.useIDFA) environment.did = agent.appleDID();
   environment.now = platform_.clock ? platform_.clock->now() : 0;
   return environment;
 }
 
-bool TavloStreamingTagger::accessRefusesStreaming(TavloAgent& agent) const {
+bool TavloStreamingTagger::Impl::accessRefusesStreaming(TavloAgent& agent) const {
   const std::shared_ptr<TavloAuth> cached = agent.authManager()->authFromCacheForTagger(*taggerID_);
   return cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeStreaming));
 }
 
-std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const char* eventType, uint64_t event,
+std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::generateRequestLocked(const char* eventType, uint64_t event,
                                                                           HitEnvironment& environment,
                                                                           PendingLines& lines, int64_t rank) {
   TavloParameters parameters = std::move(environment.defaults);
@@ -441,8 +454,8 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const 
   addParam(level1_, "cmsS3", parameters);
   addParam(level4_, "cmsS4", parameters);
   addParam(level5_, "cmsS5", parameters);
-  HitProperties properties = hitProperties();
-  TavloString theCustomerData = customerData();
+  TavloHitProperties properties = owner_->state().hitProperties();
+  TavloString theCustomerData = owner_->customerData();
   TavloForEachSharedHitParameter(properties, theCustomerData,
                                  [&parameters](TavloString& value, const char* key, std::size_t limit) {
                                    addParam(std::move(value), key, parameters, limit);
@@ -451,16 +464,16 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::generateRequestLocked(const 
   if (rank > 0) parameters.insert_or_assign("cmsRK", std::to_string(rank));
 
   return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
-                                                  TavloRequestTypeStreaming, currentModeLocked(), serial(), taggerID_,
+                                                  TavloRequestTypeStreaming, currentModeLocked(), owner_->serial(), taggerID_,
                                                   environment.now);
 }
 
-void TavloStreamingTagger::addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request) {
+void TavloStreamingTagger::Impl::addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request) {
   request->setTheRank(++rank_);
   outbox_.push_back(request);
 }
 
-void TavloStreamingTagger::drainOutbox(TavloAgent& agent) {
+void TavloStreamingTagger::Impl::drainOutbox(TavloAgent& agent) {
   std::unique_lock lock(stateProtector);
   // One thread hands hits over at a time, so ranks reach the agent in order; another
   // thread finding it busy leaves its hits to it.
@@ -483,7 +496,7 @@ void TavloStreamingTagger::drainOutbox(TavloAgent& agent) {
   draining_ = false;
 }
 
-void TavloStreamingTagger::resetTaggerLocked() {
+void TavloStreamingTagger::Impl::resetTaggerLocked() {
   if (timerThrottle_) timerThrottle_->invalidate();
   stopPollingLocked();
   lastSentRequest_.reset();
@@ -495,7 +508,7 @@ void TavloStreamingTagger::resetTaggerLocked() {
   rank_ = 0;
 }
 
-void TavloStreamingTagger::emit(const PendingLines& lines) const {
+void TavloStreamingTagger::Impl::emit(const PendingLines& lines) const {
   for (const PendingLine& line : lines) {
     const std::string_view text = line.fixedText ? std::string_view(line.fixedText) : std::string_view(line.text);
     if (!line.direct) {
@@ -506,11 +519,11 @@ void TavloStreamingTagger::emit(const PendingLines& lines) const {
   }
 }
 
-std::optional<int64_t> TavloStreamingTagger::positionFromDelegate() {
+std::optional<int64_t> TavloStreamingTagger::Impl::positionFromDelegate() {
   const std::shared_ptr<TavloStreamingTaggerDelegate> delegate = this->delegate();
   if (!delegate) return std::nullopt;
   try {
-    return delegate->currentPositionForStreamingTagger(*this);
+    return delegate->currentPositionForStreamingTagger(*owner_);
   } catch (...) {
     TavloLogger::log("TavloStreamingTagger - The delegate failed to give the current position: it is taken as unknown",
                      TavloLoggingModeWarning);
@@ -520,19 +533,18 @@ std::optional<int64_t> TavloStreamingTagger::positionFromDelegate() {
 
 // Polling and throttling.
 
-void TavloStreamingTagger::startPollingLocked() {
+void TavloStreamingTagger::Impl::startPollingLocked() {
   if (timer_) return;
-  timer_ = TavloTimer::TavloTimerWithInterval(platform_.mainQueue, kPollingInterval, weak_from_this(),
-                                              &TavloStreamingTagger::poll, true);
+  timer_ = armTimer(kPollingInterval, &Impl::poll, true);
 }
 
-void TavloStreamingTagger::stopPollingLocked() {
+void TavloStreamingTagger::Impl::stopPollingLocked() {
   if (!timer_) return;
   timer_->invalidate();
   timer_.reset();
 }
 
-void TavloStreamingTagger::poll(const std::shared_ptr<TavloTimer>& timer) {
+void TavloStreamingTagger::Impl::poll(const std::shared_ptr<TavloTimer>& timer) {
   uint64_t seconds = 0;
   bool live = false;
   {
@@ -576,7 +588,7 @@ void TavloStreamingTagger::poll(const std::shared_ptr<TavloTimer>& timer) {
   drainOutbox(*agent);
 }
 
-void TavloStreamingTagger::handleThrottledEvent(const std::shared_ptr<TavloTimer>& timer) {
+void TavloStreamingTagger::Impl::handleThrottledEvent(const std::shared_ptr<TavloTimer>& timer) {
   PendingLines lines;
   {
     std::lock_guard lock(stateProtector);
@@ -600,3 +612,47 @@ void TavloStreamingTagger::handleThrottledEvent(const std::shared_ptr<TavloTimer
   emit(lines);
   if (const auto agent = agent_.lock()) drainOutbox(*agent);
 }
+
+std::shared_ptr<TavloTimer> TavloStreamingTagger::Impl::armTimer(
+    double interval, void (Impl::*operation)(const std::shared_ptr<TavloTimer>&), bool repeating) {
+  return TavloTimer::TavloTimerCalling<TavloStreamingTagger>(
+      platform_.mainQueue, interval, owner_->weak_from_this(),
+      [operation](TavloStreamingTagger& tagger, const std::shared_ptr<TavloTimer>& timer) {
+        (tagger.impl_.get()->*operation)(timer);
+      },
+      repeating);
+}
+
+// The public calls.
+
+void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event) { impl_->notifyEvent(event); }
+void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t position) {
+  impl_->notifyEvent(event, position);
+}
+TavloStreamingType TavloStreamingTagger::streamingType() const { return impl_->streamingType_; }
+TavloString TavloStreamingTagger::level1() const { return impl_->level1_; }
+TavloString TavloStreamingTagger::level2() const { return impl_->level2_; }
+TavloString TavloStreamingTagger::level3() const { return impl_->level3_; }
+TavloString TavloStreamingTagger::level4() const { return impl_->level4_; }
+TavloString TavloStreamingTagger::level5() const { return impl_->level5_; }
+TavloString TavloStreamingTagger::mediaName() const { return impl_->mediaName(); }
+void TavloStreamingTagger::setMediaName(const TavloString& mediaName) { impl_->setMediaName(mediaName); }
+TavloString TavloStreamingTagger::mediaURL() const { return impl_->mediaURL(); }
+void TavloStreamingTagger::setMediaURL(const TavloString& mediaURL) { impl_->setMediaURL(mediaURL); }
+TavloString TavloStreamingTagger::mediaGenre() const { return impl_->mediaGenre(); }
+void TavloStreamingTagger::setMediaGenre(TavloString mediaGenre) { impl_->setMediaGenre(std::move(mediaGenre)); }
+TavloString TavloStreamingTagger::mediaProvider() const { return impl_->mediaProvider(); }
+void TavloStreamingTagger::setMediaProvider(TavloString mediaProvider) {
+  impl_->setMediaProvider(std::move(mediaProvider));
+}
+int64_t TavloStreamingTagger::mediaVolume() const { return impl_->mediaVolume(); }
+void TavloStreamingTagger::setMediaVolume(int64_t mediaVolume) { impl_->setMediaVolume(mediaVolume); }
+int64_t TavloStreamingTagger::mediaLength() const { return impl_->mediaLength(); }
+void TavloStreamingTagger::setMediaLength(int64_t mediaLength) { impl_->setMediaLength(mediaLength); }
+std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::delegate() const { return impl_->delegate(); }
+void TavloStreamingTagger::setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate) {
+  impl_->setDelegate(std::move(delegate));
+}
+TavloSendingMode TavloStreamingTagger::sendingMode() const { return impl_->sendingMode(); }
+void TavloStreamingTagger::setSendingMode(TavloSendingMode sendingMode) { impl_->setSendingMode(sendingMode); }
+TavloSendingMode TavloStreamingTagger::getCurrentMode() const { return impl_->getCurrentMode(); }

@@ -38,13 +38,27 @@ class TavloTimer : public std::enable_shared_from_this<TavloTimer> {
   static std::shared_ptr<TavloTimer> TavloTimerWithInterval(const std::shared_ptr<TavloMainQueue>& mainQueue,
                                                             double interval, std::weak_ptr<Target> target,
                                                             Selector<Target> selector, bool repeating) {
-    Operation operation;
-    if (selector != nullptr) {
-      operation = [selector](const std::shared_ptr<void>& object, const std::shared_ptr<TavloTimer>& timer) {
-        (static_cast<Target*>(object.get())->*selector)(timer);
+    if (selector == nullptr) return TavloTimerCalling<Target>(mainQueue, interval, std::move(target), nullptr, repeating);
+    return TavloTimerCalling<Target>(
+        mainQueue, interval, std::move(target),
+        [selector](Target& object, const std::shared_ptr<TavloTimer>& timer) { (object.*selector)(timer); },
+        repeating);
+  }
+
+  /// The same with any operation, called as `operation(target, timer)`: for a target
+  /// whose work is done by an object it owns.
+  template <class Target>
+  static std::shared_ptr<TavloTimer> TavloTimerCalling(
+      const std::shared_ptr<TavloMainQueue>& mainQueue, double interval, std::weak_ptr<Target> target,
+      std::function<void(Target& target, const std::shared_ptr<TavloTimer>& timer)> operation, bool repeating) {
+    Operation wrapped;
+    if (operation) {
+      wrapped = [operation = std::move(operation)](const std::shared_ptr<void>& object,
+                                                   const std::shared_ptr<TavloTimer>& timer) {
+        operation(*static_cast<Target*>(object.get()), timer);
       };
     }
-    return make(mainQueue, interval, std::weak_ptr<void>(std::move(target)), std::move(operation), repeating);
+    return make(mainQueue, interval, std::weak_ptr<void>(std::move(target)), std::move(wrapped), repeating);
   }
 
   TavloTimer(const TavloTimer&) = delete;

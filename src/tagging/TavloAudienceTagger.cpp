@@ -7,7 +7,9 @@
 #include "agent/TavloAgent.h"
 #include "identity/TavloTaggerID.h"
 #include "platform/TavloLogger.h"
+#include "tagging/TavloAudienceTaggerImpl.h"
 #include "tagging/TavloHitParameter.h"
+#include "tagging/TavloTaggerState.h"
 #include "util/TavloLogSafe.h"
 #include "util/TavloText.h"
 #include "util/TavloUrlSafety.h"
@@ -21,21 +23,18 @@ std::recursive_mutex& factoryLock() {
 }
 }  // namespace
 
-TavloAudienceTagger::TavloAudienceTagger(std::weak_ptr<TavloAgent> agent, TavloString serial,
-                                         TavloString customerData)
-    : TavloTagger(serial, std::move(customerData)),
-      agent_(std::move(agent)),
-      taggerID_(std::make_shared<TavloTaggerID>(std::move(serial), TavloTaggerID::kAudiencePartialID, false)) {}
+TavloAudienceTagger::TavloAudienceTagger(std::unique_ptr<Impl> impl, TavloString serial, TavloString customerData)
+    : TavloTagger(std::move(serial), std::move(customerData)), impl_(std::move(impl)) {}
 
 TavloAudienceTagger::~TavloAudienceTagger() = default;
 
 std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::TavloAudienceTaggerWithSerial(TavloString serial,
                                                                                         TavloString customerData) {
-  return TavloAudienceTaggerWithSerial(TavloAgent::sharedAgent(), std::move(serial), std::move(customerData));
+  return Impl::make(TavloAgent::sharedAgent(), std::move(serial), std::move(customerData));
 }
 
-std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::TavloAudienceTaggerWithSerial(
-    const std::shared_ptr<TavloAgent>& agent, TavloString serial, TavloString customerData) {
+std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::Impl::make(const std::shared_ptr<TavloAgent>& agent,
+                                                                     TavloString serial, TavloString customerData) {
   if (!agent) return nullptr;
   std::lock_guard lock(factoryLock());
   if (auto registered = agent->TavloAudienceTaggerWithSerial(serial, customerData)) return registered;
@@ -46,7 +45,10 @@ std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::TavloAudienceTaggerWit
                          "are dropped",
                      TavloLoggingModeError);
   }
-  auto tagger = std::shared_ptr<TavloAudienceTagger>(new TavloAudienceTagger(agent, serial, customerData));
+  auto impl = std::make_unique<Impl>(
+      agent, std::make_shared<TavloTaggerID>(serial, TavloTaggerID::kAudiencePartialID, false));
+  auto tagger = std::shared_ptr<TavloAudienceTagger>(
+      new TavloAudienceTagger(std::move(impl), std::move(serial), std::move(customerData)));
   agent->addTavloAudienceTagger(tagger);
   return tagger;
 }
@@ -59,7 +61,7 @@ void TavloAudienceTagger::addParam(const TavloString& value, const std::string& 
 
 void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const TavloString& level2,
                                             const TavloString& level3, const TavloString& level4) {
-  const std::shared_ptr<TavloAgent> agent = agent_.lock();
+  const std::shared_ptr<TavloAgent> agent = impl_->agent_.lock();
   if (!agent) return;
   // Without a serial the hit could only reach the collection server unattributed.
   TavloString mySerial = serial();
@@ -70,7 +72,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   // The serial would bend the authorisation and collection addresses (logged when the
   // tagger was made).
   if (!TavloIsUsableSerial(*mySerial)) return;
-  const std::shared_ptr<TavloAuth> cached = agent->authManager()->authFromCacheForTagger(*taggerID_);
+  const std::shared_ptr<TavloAuth> cached = agent->authManager()->authFromCacheForTagger(*impl_->taggerID_);
   if (cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeAudience))) {
     return;
   }
@@ -80,7 +82,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   // nor takes (and later frees) its memory. Only the values present are captured: what
   // waits in the hand-over stays small however many hits wait.
   TavloDefaultParameters::HitDraw draw = agent->drawForHit();
-  HitProperties properties = hitProperties();
+  TavloHitProperties properties = state().hitProperties();
   TavloString did = properties.useIDFA ? agent->appleDID() : std::nullopt;
   const TavloDate now = agent->platform().clock->now();
   TavloString theCustomerData = customerData();
@@ -113,7 +115,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   TavloForEachSharedHitParameter(properties, theCustomerData, capture);
 
   agent->addRequestMadeByHandler([values = std::move(values), draw = std::move(draw), serial = std::move(mySerial),
-                                  taggerID = taggerID_, now](TavloAgent& agent) mutable {
+                                  taggerID = impl_->taggerID_, now](TavloAgent& agent) mutable {
     TavloParameters parameters = agent.defaultParametersWith(std::move(draw));
     // In the order of capture: a later key replaces an earlier value, a default's included.
     for (Value& value : values) TavloAddHitParameter(parameters, value.key, std::move(value.text), value.limit);

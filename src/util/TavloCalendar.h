@@ -4,6 +4,10 @@
 
 #include <cstdint>
 
+/// Seconds between 1970-01-01 and 2001-01-01, the reference date of dates in the queue
+/// file's keyed archive.
+inline constexpr double kTavloSecondsFrom1970To2001 = 978307200.0;
+
 struct TavloCivilDate {
   int64_t year;
   unsigned month;  // 1 ... 12

@@ -15,6 +15,7 @@
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloVersion.h"
+#include "tagging/TavloAudienceTaggerImpl.h"
 
 namespace {
 
@@ -87,7 +88,7 @@ class TavloAudienceIntegrationTest : public TavloAgentTest {
   }
 
   std::shared_ptr<TavloAudienceTagger> tagger(const std::string& serial, TavloString customerData = std::nullopt) {
-    return TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, serial, std::move(customerData));
+    return TavloAudienceTaggerOnAgent(agent, serial, std::move(customerData));
   }
 
   std::vector<TavloTestServerRequest> hits() {

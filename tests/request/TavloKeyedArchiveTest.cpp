@@ -16,6 +16,7 @@
 #include "request/TavloRequest.h"
 #include "support/TavloLibplistKeyedArchiver.h"
 #include "support/TavloSampleQueue.h"
+#include "util/TavloCalendar.h"
 
 namespace {
 
@@ -185,7 +186,7 @@ TEST(TavloKeyedArchive, EveryValueKindSurvivesARoundTrip) {
       {"INT64_MAX", with([](TestItem& i) { i.count = std::numeric_limits<int64_t>::max(); })},
       {"minus one", with([](TestItem& i) { i.count = -1; })},
       {"a date before 1970", with([](TestItem& i) { i.when = -86400.5; })},
-      {"the archive's reference date", with([](TestItem& i) { i.when = TavloSecondsFrom1970To2001; })},
+      {"the archive's reference date", with([](TestItem& i) { i.when = kTavloSecondsFrom1970To2001; })},
       {"a fractional date", with([](TestItem& i) { i.when = 1700000000.123456; })},
   };
   for (const auto& [what, item] : cases) {
@@ -312,7 +313,7 @@ TEST(TavloKeyedArchive, WritesTheSameBytesAsLibplist) {
       {"integers of every width", item([](TestItem& i) { i.count = 70000; })},
       {"INT64_MIN", item([](TestItem& i) { i.count = std::numeric_limits<int64_t>::min(); })},
       {"2^32", item([](TestItem& i) { i.count = int64_t{1} << 32; })},
-      {"a date a float holds", item([](TestItem& i) { i.when = TavloSecondsFrom1970To2001 + 0.5; })},
+      {"a date a float holds", item([](TestItem& i) { i.when = kTavloSecondsFrom1970To2001 + 0.5; })},
       {"an infinite date", item([](TestItem& i) { i.when = INFINITY; })},
       {"a NaN date", item([](TestItem& i) { i.when = NAN; })},
       {"a dictionary of 300 entries", item([&](TestItem& i) { i.parameters = std::make_shared<const TavloParameters>(wide); })},
@@ -396,7 +397,7 @@ TEST(TavloKeyedArchive, EachStoredValueReadsAsItsFieldOrAsTheDefaultAndSparesThe
       {"count", "a real", real(-3.9), [](TestItem& i) { i.count = -3; }},
       {"$$class", "an integer", [](plist_t) { return plist_new_uint(7); }, [](TestItem& i) { i.flag = true; }},
       {"when", "a date in whole seconds", [](plist_t a) { return newObject(a, "NSDate", {{"NS.time", plist_new_uint(10)}}); },
-       [](TestItem& i) { i.when = TavloSecondsFrom1970To2001 + 10; }},
+       [](TestItem& i) { i.when = kTavloSecondsFrom1970To2001 + 10; }},
       // Values of the wrong kind for one field.
       {"name", "UID of a record", uid(1), noName},
       {"name", "integer", [](plist_t) { return plist_new_uint(5); }, noName},

@@ -13,6 +13,7 @@
 
 #include "support/TavloAgentFixture.h"
 #include "tavlo/TavloStreamingTagger.h"
+#include "streaming/TavloStreamingTaggerImpl.h"
 
 /// A delegate whose answer the test chooses; it counts its calls and may throw.
 class TavloTestPositionDelegate : public TavloStreamingTaggerDelegate {
@@ -58,7 +59,7 @@ class TavloStreamingTest : public TavloAgentTest {
   std::shared_ptr<TavloStreamingTagger> tagger(TavloStreamingType type = TavloStreamingTypeNoPosition,
                                                TavloStreamingTagger::ConfigurationBlock configure = nullptr,
                                                TavloString serial = "123", TavloString mediaName = "film") {
-    return TavloStreamingTagger::TavloStreamingTaggerWithSerial(agent, std::move(serial), std::move(mediaName), 80,
+    return TavloStreamingTaggerOnAgent(agent, std::move(serial), std::move(mediaName), 80,
                                                                 "http://media.test/film.m3u8", 5400, type,
                                                                 std::move(configure));
   }
@@ -121,7 +122,7 @@ class TavloStreamingTest : public TavloAgentTest {
   /// Makes the cached authorisation of `tagger` refuse streaming hits.
   void denyStreaming(const TavloStreamingTagger& tagger) {
     auto access = TavloAccess::TavloAccessWithSerial("123", TavloAccessModeDenied, "http://collect.test/m/web/");
-    agent->authManager()->setAuthToCache(TavloAuth::TavloAuthWithSession(nullptr, access, false), *tagger.taggerID());
+    agent->authManager()->setAuthToCache(TavloAuth::TavloAuthWithSession(nullptr, access, false), *TavloTaggerIDOf(tagger));
   }
 
   size_t firstRequest = 0;

@@ -6,6 +6,7 @@
 #include "streaming/TavloStreamingFixture.h"
 #include "support/TavloFixedAdvertisingIdProvider.h"
 #include "identity/TavloTaggerID.h"
+#include "streaming/TavloStreamingTaggerImpl.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ TEST_F(TavloStreamingTaggerTest, BlankOrUnusableSerialsAndBlankMediaNamesGiveATa
     EXPECT_EQ(0u, test.mainQueue->pendingCount()) << label << ": no timer was armed";
   }
   EXPECT_TRUE(hits().empty());
-  EXPECT_FALSE(TavloStreamingTagger::TavloStreamingTaggerWithSerial(nullptr, "123", "film", 0, std::nullopt, 0,
+  EXPECT_FALSE(TavloStreamingTaggerOnAgent(nullptr, "123", "film", 0, std::nullopt, 0,
                                                                     TavloStreamingTypeNoPosition)
                    ->canSend())
       << "without an agent";
@@ -81,8 +82,8 @@ TEST_F(TavloStreamingTaggerTest, TheConfigurationIsCopiedOnceAndTheSettersFollow
   EXPECT_EQ(" my film ", t->mediaName());
   EXPECT_EQ("l1", t->level1());
   EXPECT_EQ("crm", t->customerData());
-  EXPECT_EQ(1, t->taggerID()->partialID()) << "each streaming tagger has an identifier of its own";
-  EXPECT_TRUE(t->taggerID()->isStreamTagger());
+  EXPECT_EQ(1, TavloTaggerIDOf(*t)->partialID()) << "each streaming tagger has an identifier of its own";
+  EXPECT_TRUE(TavloTaggerIDOf(*t)->isStreamTagger());
   EXPECT_EQ(std::nullopt, first->level1());
 
   t->setMediaName("");
@@ -322,7 +323,7 @@ TEST_F(TavloStreamingTaggerTest, ACachedRefusalStopsPollingAndSendsNothing) {
   EXPECT_EQ(1u, hits().size()) << "neither the pause nor any polling hit";
   EXPECT_EQ(0u, test.mainQueue->pendingCount()) << "polling stopped";
 
-  agent->authManager()->forgetAuthForTagger(*t->taggerID());
+  agent->authManager()->forgetAuthForTagger(*TavloTaggerIDOf(*t));
   notify(*t, TavloStreamingEventPause);
   advanceTo(test.mainQueue->elapsed() + 40);  // the count goes on: polls at 10, 20 and 40
   EXPECT_EQ((Strings{"state", "state", "polling", "polling", "polling"}), column("cmsEV"))

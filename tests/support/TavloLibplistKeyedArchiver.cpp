@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "util/TavloText.h"
+#include "util/TavloCalendar.h"
 
 namespace {
 
@@ -69,7 +70,7 @@ void TavloLibplistKeyedArchiver::encodeDate(const std::optional<TavloDate>& valu
   uint64_t uid = kNullUID;
   if (value) {
     PlistPtr date(plist_new_dict());
-    plist_dict_set_item(date.get(), "NS.time", plist_new_real(*value - TavloSecondsFrom1970To2001));
+    plist_dict_set_item(date.get(), "NS.time", plist_new_real(*value - kTavloSecondsFrom1970To2001));
     plist_dict_set_item(date.get(), "$class", plist_new_uid(uidForClass({"NSDate", "NSObject"})));
     uid = appendObject(std::move(date));
   }

@@ -6,6 +6,7 @@
 #include "support/TavloFixedDeviceInfo.h"
 #include "identity/TavloTaggerID.h"
 #include "tavlo/TavloAudienceTagger.h"
+#include "tagging/TavloAudienceTaggerImpl.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ class TavloAudienceTaggerTest : public TavloAgentTest {
   }
 
   std::shared_ptr<TavloAudienceTagger> tagger(TavloString serial = "123", TavloString customerData = std::nullopt) {
-    return TavloAudienceTagger::TavloAudienceTaggerWithSerial(agent, std::move(serial), std::move(customerData));
+    return TavloAudienceTaggerOnAgent(agent, std::move(serial), std::move(customerData));
   }
 
   std::shared_ptr<TavloRequest> onlyQueued() {
@@ -134,7 +135,7 @@ TEST_F(TavloAudienceTaggerTest, ACachedRefusalDropsTheHitSilently) {
   for (int32_t mode : {TavloAccessModeDenied, TavloAccessModeRestricted}) {
     auto access = TavloAccess::TavloAccessWithSerial("123", mode, "http://c.test/m/web/");
     access->hitSuccessfullySent();
-    agent->authManager()->setAuthToCache(TavloAuth::TavloAuthWithSession(nullptr, access, false), *t->taggerID());
+    agent->authManager()->setAuthToCache(TavloAuth::TavloAuthWithSession(nullptr, access, false), *TavloTaggerIDOf(*t));
     test.logSink->clear();
     t->sendHitWithLevel1("dropped");
     settle();
@@ -171,7 +172,7 @@ TEST_F(TavloAudienceTaggerTest, TheFactoryReturnsTheRegisteredTagger) {
   const auto a = tagger("s", "a");
   const auto b = tagger("s", "b");
   EXPECT_NE(a, b);
-  EXPECT_TRUE(a->taggerID()->isEqual(*b->taggerID()));
+  EXPECT_TRUE(TavloTaggerIDOf(*a)->isEqual(*TavloTaggerIDOf(*b)));
   EXPECT_NE(tagger("s", std::nullopt), tagger("s", "")) << "nil and empty customer data are two taggers";
   EXPECT_EQ(2, a->loggingMode());
   EXPECT_FALSE(a->canSend());

@@ -1,5 +1,6 @@
 #include "support/TavloLoggingFixture.h"
 #include "platform/TavloLogger.h"
+#include "tagging/TavloTaggerState.h"
 #include "tavlo/TavloTagger.h"
 
 namespace {
@@ -8,8 +9,8 @@ namespace {
 class TestTagger : public TavloTagger {
  public:
   TestTagger(TavloString serial, TavloString customerData) : TavloTagger(std::move(serial), std::move(customerData)) {}
-  using TavloTagger::newLevel;
-  using TavloTagger::setCanSend;
+  TavloString newLevel(int index) const { return state().newLevel(index); }
+  void setCanSend(bool canSend) { state().setCanSend(canSend); }
 };
 
 using TavloTagger_ = TavloLoggingTest;

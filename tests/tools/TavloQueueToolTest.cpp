@@ -18,6 +18,7 @@
 #include "archive/TavloKeyedArchiver.h"
 #include "request/TavloRequest.h"
 #include "support/TavloTestPlatform.h"
+#include "util/TavloCalendar.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ TEST(TavloQueueToolText, ShowsDatesAsUTCWithinFourDigitYears) {
       {0, "1970-01-01T00:00:00Z"},
       {1700000000.5, "2023-11-14T22:13:20.500Z"},
       {1700000000.1, "2023-11-14T22:13:20.100Z"},
-      {TavloSecondsFrom1970To2001, "2001-01-01T00:00:00Z"},
+      {kTavloSecondsFrom1970To2001, "2001-01-01T00:00:00Z"},
       {951782400, "2000-02-29T00:00:00Z"},
       {-1, "1969-12-31T23:59:59Z"},
       {-0.5, "1969-12-31T23:59:59.500Z"},
