@@ -91,11 +91,11 @@ TavloRequest::~TavloRequest() = default;
 TavloRequest::TavloRequest(std::shared_ptr<const TavloParameters> parameters, int32_t requestType,
                            int64_t sendingMode, TavloString serial, std::shared_ptr<TavloTaggerID> taggerID,
                            TavloDate creationDate)
-    : parameters_(std::move(parameters)),
-      requestType_(requestType),
+    : requestType_(requestType),
       sendingMode_(sendingMode),
       taggerID_(std::move(taggerID)),
       serial_(std::move(serial)),
+      parameters_(std::move(parameters)),
       creationDate_(creationDate) {}
 
 std::shared_ptr<const TavloParameters> TavloRequest::parameters() const { return TavloLockedRead(mutex_, parameters_); }
@@ -105,17 +105,13 @@ void TavloRequest::replaceParameters(std::shared_ptr<const TavloParameters> para
   parameters_ = std::move(parameters);
 }
 
-int32_t TavloRequest::requestType() const { return TavloLockedRead(mutex_, requestType_); }
+int32_t TavloRequest::requestType() const { return requestType_; }
 
-int64_t TavloRequest::sendingMode() const { return TavloLockedRead(mutex_, sendingMode_); }
+int64_t TavloRequest::sendingMode() const { return sendingMode_; }
 
-std::shared_ptr<TavloTaggerID> TavloRequest::taggerID() const { return TavloLockedRead(mutex_, taggerID_); }
+std::shared_ptr<TavloTaggerID> TavloRequest::taggerID() const { return taggerID_; }
 
-TavloString TavloRequest::serial() const { return TavloLockedRead(mutex_, serial_); }
-
-void TavloRequest::setSerial(TavloString serial) {
-  TavloLockedWrite(mutex_, serial_, std::move(serial));
-}
+TavloString TavloRequest::serial() const { return serial_; }
 
 std::optional<TavloDate> TavloRequest::lastFail() const { return TavloLockedRead(mutex_, lastFail_); }
 
@@ -180,26 +176,20 @@ uint64_t TavloRequest::hash() const {
 std::string TavloRequest::description(const TavloEndpoints& endpoints) const {
   std::shared_ptr<const TavloParameters> parameters;
   std::shared_ptr<TavloAuth> auth;
-  TavloString serial;
-  int32_t requestType;
-  int64_t sendingMode;
   {
     std::lock_guard lock(mutex_);
     parameters = parameters_;
     auth = auth_;
-    serial = serial_;
-    requestType = requestType_;
-    sendingMode = sendingMode_;
   }
   TavloString host;
-  if (sendingMode == TavloSendingModeTimestamped || sendingMode == TavloSendingModeDisconnected) {
+  if (sendingMode_ == TavloSendingModeTimestamped || sendingMode_ == TavloSendingModeDisconnected) {
     host = endpoints.audienceCollectionAddress();
   } else if (auth && auth->currentAccess()) {
     host = auth->currentAccess()->host();
   }
   std::string text = "\"serial ";
-  text.append(TavloLogSafe(serial.value_or("(null)")));
-  text.append(" - request type ").append(requestType == TavloRequestTypeAudience ? "audience" : "streaming");
+  text.append(TavloLogSafe(serial_.value_or("(null)")));
+  text.append(" - request type ").append(requestType_ == TavloRequestTypeAudience ? "audience" : "streaming");
   text.append(" - hote ").append(TavloLogSafe(host.value_or("(null)")));
   text.append(" - parameters ").append(TavloParametersDescription(parameters.get()));
   text += "\"";
@@ -224,20 +214,28 @@ void TavloRequest::encodeWithCoder(TavloKeyedArchiver& coder) const {
 }
 
 std::shared_ptr<TavloCodable> TavloRequest::initWithCoder(TavloKeyedUnarchiver& coder) {
-  auto request = std::shared_ptr<TavloRequest>(new TavloRequest());
   // Enumerations are 32 bits wide in memory: a wider archived value keeps its low 32 bits.
   const auto low32 = [](int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); };
-  request->parameters_ = coder.decodeParameters(kParametersKey);
-  request->requestType_ = low32(coder.decodeInteger(kRequestTypeKey));
-  request->sendingMode_ = coder.decodeInteger(kSendingModeKey);
-  request->lastFail_ = coder.decodeDate(kLastFailKey);
-  request->creationDate_ = coder.decodeDate(kCreationDateKey);
-  request->serial_ = coder.decodeString(kSerialKey);
-  request->numberOfFails_ = coder.decodeInteger(kNumberOfFailsKey);
-  request->status_ = low32(coder.decodeInteger(kStatusKey));
-  request->shouldRenewSessionAfter_ = coder.decodeBool(kShouldRenewSessionReadKey);
-  request->taggerID_ = coder.decodeObjectOfClass<TavloTaggerID>(kTaggerIDKey);
-  request->auth_ = coder.decodeObjectOfClass<TavloAuth>(kAuthKey);
+  std::shared_ptr<const TavloParameters> parameters = coder.decodeParameters(kParametersKey);
+  const int32_t requestType = low32(coder.decodeInteger(kRequestTypeKey));
+  const int64_t sendingMode = coder.decodeInteger(kSendingModeKey);
+  const std::optional<TavloDate> lastFail = coder.decodeDate(kLastFailKey);
+  const std::optional<TavloDate> creationDate = coder.decodeDate(kCreationDateKey);
+  TavloString serial = coder.decodeString(kSerialKey);
+  const int64_t numberOfFails = coder.decodeInteger(kNumberOfFailsKey);
+  const int32_t status = low32(coder.decodeInteger(kStatusKey));
+  const bool shouldRenewSessionAfter = coder.decodeBool(kShouldRenewSessionReadKey);
+  std::shared_ptr<TavloTaggerID> taggerID = coder.decodeObjectOfClass<TavloTaggerID>(kTaggerIDKey);
+  std::shared_ptr<TavloAuth> auth = coder.decodeObjectOfClass<TavloAuth>(kAuthKey);
+
+  auto request = std::make_shared<TavloRequest>(std::move(parameters), requestType, sendingMode, std::move(serial),
+                                                std::move(taggerID), 0.0);
+  request->creationDate_ = creationDate;
+  request->lastFail_ = lastFail;
+  request->numberOfFails_ = numberOfFails;
+  request->status_ = status;
+  request->shouldRenewSessionAfter_ = shouldRenewSessionAfter;
+  request->auth_ = std::move(auth);
   return request;
 }
 
@@ -271,15 +269,17 @@ std::vector<std::string> split(std::string_view text, char separator) {
   }
 }
 
-// Head, "?", then the pieces of the query (the text between the first and the second
-// "?") sorted without regard to case.
-std::string sortedQuery(const std::string& assembled) {
+// A collection address with a "?" of its own (a configuration mistake) keeps the URL it
+// always gave: the address up to its "?", then its own query's pieces sorted without
+// regard to case; the hit's pieces, behind a second "?", fall away.
+std::string legacySortedQuery(const std::string& base, const std::vector<std::string>& pieces) {
+  std::string assembled = base;
+  for (std::size_t i = 0; i < pieces.size(); ++i) assembled.append(i == 0 ? "?" : "&").append(pieces[i]);
   const std::vector<std::string> halves = split(assembled, '?');
-  if (halves.size() < 2) return assembled;
-  std::vector<std::string> pieces = split(halves[1], '&');
-  std::stable_sort(pieces.begin(), pieces.end(), lessIgnoringCase);
+  std::vector<std::string> query = split(halves[1], '&');
+  std::stable_sort(query.begin(), query.end(), lessIgnoringCase);
   std::string result = halves[0] + "?";
-  for (size_t i = 0; i < pieces.size(); ++i) result += (i == 0 ? "" : "&") + pieces[i];
+  for (size_t i = 0; i < query.size(); ++i) result += (i == 0 ? "" : "&") + query[i];
   return result;
 }
 }  // namespace
@@ -305,20 +305,27 @@ TavloString TavloRequest::url(int32_t networkStatus, double clockDelta, const Ta
                                        : access->host().value_or("");
   const std::string network = networkStatus == 2 ? "Wifi" : "GSM";
 
-  std::string assembled = base + "?m_ntwk=" + network;
+  // The query's pieces, "key=value" each, escaped; sorted below without regard to case,
+  // ties in the order they were made.
+  std::vector<std::string> pieces;
+  pieces.reserve((parameters ? parameters->size() : 0) + 4);
+  pieces.push_back("m_ntwk=" + network);
   if (mode != TavloSendingModeLive) {
-    assembled += "&ts=" + std::to_string(truncatedSeconds(creationDate().value_or(0) + clockDelta));
-    assembled += std::string("&tt=") + (mode == TavloSendingModeTimestamped ? "c" : "d");
+    pieces.push_back("ts=" + std::to_string(truncatedSeconds(creationDate().value_or(0) + clockDelta)));
+    pieces.push_back(std::string("tt=") + (mode == TavloSendingModeTimestamped ? "c" : "d"));
   }
   if (parameters) {
     for (const auto& [key, value] : *parameters) {
       if (key == "m_ntwk") continue;
-      assembled.append("&").append(urlEncode(key)).append("=").append(urlEncode(value));
+      std::string piece = urlEncode(key);
+      piece += '=';
+      piece += urlEncode(value);
+      pieces.push_back(std::move(piece));
     }
   }
   if (requestType() == TavloRequestTypeStreaming) {
     const std::shared_ptr<TavloSession> session = auth->currentSession();
-    assembled += "&" + urlEncode("cmsVI") + "=" + urlEncode(session ? session->cmsVI().value_or("") : "");
+    pieces.push_back("cmsVI=" + urlEncode(session ? session->cmsVI().value_or("") : ""));
   }
   setParameter("m_ntwk", network);
 
@@ -327,7 +334,15 @@ TavloString TavloRequest::url(int32_t networkStatus, double clockDelta, const Ta
   const bool usable = timestamped ? isUsableBase(base) && TavloIsUsableSerial(access->serial().value_or(""))
                                   : TavloIsUsableHostURL(base);
   if (!usable) return std::nullopt;
-  return sortedQuery(assembled);
+  if (base.find('?') != std::string::npos) return legacySortedQuery(base, pieces);
+  std::stable_sort(pieces.begin(), pieces.end(), lessIgnoringCase);
+  std::string url = base;
+  url += '?';
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    if (i != 0) url += '&';
+    url += pieces[i];
+  }
+  return url;
 }
 
 void TavloRequest::setTheRank(int64_t rank) { setParameter("cmsRK", std::to_string(rank)); }

@@ -38,10 +38,15 @@ enum TavloRequestStatus : int32_t {
 /// the agent's queue removes exactly the one it handled. `hash` is computed from contents
 /// all the same.
 ///
-/// The parameter dictionary is immutable and replaced whole, never changed in place, so a
-/// reader holding the old one keeps a consistent view. All fields are guarded by the
-/// request's own mutex, so a tagger and the agent may touch the same request from
-/// different threads.
+/// A request is a value made once, plus the state of its sending. Kind, sending mode,
+/// serial and tagger identity are fixed when it is made (or read from a queue file) and
+/// read without a lock. The parameter dictionary is immutable and replaced whole, never
+/// changed in place, so a reader holding the old one keeps a consistent view: the
+/// streaming tagger ranks a hit before handing it over, and the agent stores in it the
+/// network name of its last URL, which a persisted request carries. That dictionary, the
+/// creation date and the send state (fails, status, renewal flag, authorisation), which
+/// only the agent changes once the hit is handed over, are guarded by the request's own
+/// mutex, since the tagger that made it may still read it.
 class TavloRequest : public TavloCodable {
  public:
   static std::shared_ptr<TavloRequest> TavloRequestWithParameters(std::shared_ptr<const TavloParameters> parameters,
@@ -62,7 +67,6 @@ class TavloRequest : public TavloCodable {
   std::shared_ptr<TavloTaggerID> taggerID() const;
 
   TavloString serial() const;
-  void setSerial(TavloString serial);
   std::optional<TavloDate> lastFail() const;
   void setLastFail(std::optional<TavloDate> date);
   std::optional<TavloDate> creationDate() const;
@@ -147,12 +151,13 @@ class TavloRequest : public TavloCodable {
   void setParameter(const std::string& key, const std::string& value);
 
  private:
+  const int32_t requestType_ = TavloRequestTypeAudience;
+  const int64_t sendingMode_ = TavloSendingModeTimestamped;
+  const std::shared_ptr<TavloTaggerID> taggerID_;
+  const TavloString serial_;
+
   mutable std::mutex mutex_;
   std::shared_ptr<const TavloParameters> parameters_;  // guarded by mutex_
-  int32_t requestType_ = TavloRequestTypeAudience;     // guarded by mutex_
-  int64_t sendingMode_ = TavloSendingModeTimestamped;  // guarded by mutex_
-  std::shared_ptr<TavloTaggerID> taggerID_;            // guarded by mutex_
-  TavloString serial_;                                 // guarded by mutex_
   std::optional<TavloDate> lastFail_;                  // guarded by mutex_
   std::optional<TavloDate> creationDate_;              // guarded by mutex_
   int64_t numberOfFails_ = 0;                          // guarded by mutex_

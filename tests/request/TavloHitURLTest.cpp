@@ -83,6 +83,13 @@ TEST(TavloHitURL, PiecesSortWithoutRegardToCase) {
   EXPECT_EQ("https://live.example/m/web/123?alpha=2&b=4&Beta=3&m_ntwk=GSM&Zeta=1", request->url(1, 0, kEndpoints));
 }
 
+TEST(TavloHitURL, ACollectionAddressWithAQueryOfItsOwnKeepsTheURLItAlwaysGave) {
+  TavloEndpoints endpoints = kEndpoints;
+  endpoints.audienceCollection = "https://aud.example/x?z=1&A=2";
+  auto request = makeRequest({{"c", "home"}}, 1, TavloSendingModeTimestamped);
+  EXPECT_EQ("https://aud.example/x?A=2/m/web/123&z=1", request->url(2, 0, endpoints));
+}
+
 TEST(TavloHitURL, NoURLWithoutAUsableBase) {
   auto bare = TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(), 0, 1, "1",
                                                        std::make_shared<TavloTaggerID>("1", 0, false), 0);
