@@ -49,8 +49,12 @@ class TAVLO_EXPORT TavloMainQueue {
   /// Stops the timer; a firing already running completes. Unknown identifiers are ignored.
   virtual void cancel(TavloTimerID timer) = 0;
 
-  /// Whether the caller is running on the queue's own thread.
-  virtual bool isCurrent() = 0;
+  /// Whether the caller is running on the queue's own thread. Deprecated: the library
+  /// never asks, so a main queue need not answer. Kept, with a default answer of false, so
+  /// that shims which override it still compile; it leaves the seam in the next major
+  /// release.
+  [[deprecated("the library never asks; this leaves the seam in the next major release")]]
+  virtual bool isCurrent() { return false; }
 
   /// Shortest and longest interval a timer uses, in seconds.
   ///@{
