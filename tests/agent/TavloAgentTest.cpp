@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <thread>
 
 #include "agent/TavloSentJournal.h"
 #include "request/TavloClearCache.h"
@@ -215,22 +214,6 @@ TEST_F(TavloAgentTest, ValidityAllowsFutureDatesOnlyOnTheSameLocalDay) {
   }
 }
 
-TEST_F(TavloAgentTest, PartialIdentifiersCountUpAcrossThreads) {
-  EXPECT_EQ(0u, agent->getPartialID());
-  std::vector<std::thread> threads;
-  std::vector<std::vector<uint64_t>> seen(4);
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 250; ++i) seen[t].push_back(agent->getPartialID());
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  std::vector<uint64_t> all;
-  for (const auto& ids : seen) all.insert(all.end(), ids.begin(), ids.end());
-  std::sort(all.begin(), all.end());
-  for (uint64_t i = 0; i < all.size(); ++i) ASSERT_EQ(i + 1, all[i]) << "every value once";
-}
-
 class TavloAgentFileTest : public TavloAgentTest {
  protected:
   void writeQueueFile(const std::vector<std::shared_ptr<TavloCodable>>& objects) {
@@ -436,7 +419,6 @@ TEST_F(TavloAgentFileTest, AQueueThatCannotBeKeptInAFileSaysWhyAndLivesInMemory)
   EXPECT_FALSE(std::filesystem::exists("/TestApp")) << "never a path at the root";
 }
 
-
 TEST_F(TavloAgentFileTest, ARestartKeepsStreamingRequestsThenClearsTheAuthorisationCache) {
   writeQueueFile({audienceRequest("a1"), streamingRequest("s1"), audienceRequest("a2"), audienceRequest("a3"),
                   streamingRequest("s2"), TavloClearCache::make()});
@@ -453,13 +435,11 @@ TEST_F(TavloAgentFileTest, ARestartKeepsStreamingRequestsThenClearsTheAuthorisat
   EXPECT_EQ(2u, collectionURLs(*test.http).size());
   EXPECT_EQ(2u, test.http->requestCount()) << "streaming requests keep their archived authorisation";
   EXPECT_FALSE(agent->authManager()->authFromCacheForTagger(cached)) << "the marker cleared the cache";
-}
 
-TEST_F(TavloAgentFileTest, AFileOfAudienceHitsOnlyGivesAnEmptyQueueWithoutMarker) {
   writeQueueFile({audienceRequest("a1"), audienceRequest("a2")});
   test.reachability->setFlags(0);
   startAgent();
-  EXPECT_TRUE(agent->TEST_queue().empty());
+  EXPECT_TRUE(agent->TEST_queue().empty()) << "a file of audience hits only gives no marker either";
 }
 
 TEST_F(TavloAgentFileTest, ADamagedFileGivesAnEmptyQueueAndIsReplacedAtTheNextSave) {

@@ -22,16 +22,6 @@ TEST_F(TavloDefaultParameters_, HoldsTheElevenDefaultsPairedAsDesigned) {
   EXPECT_EQ(expected, *defaults.defaultParametersForRequest());
 }
 
-TEST_F(TavloDefaultParameters_, TwoCallsDifferOnlyInTheRandomNumber) {
-  TavloDefaultParameters defaults(test.platform);
-  TavloParameters first = *defaults.defaultParametersForRequest();
-  TavloParameters second = *defaults.defaultParametersForRequest();
-  EXPECT_NE(first["n"], second["n"]);
-  first.erase("n");
-  second.erase("n");
-  EXPECT_EQ(first, second);
-}
-
 TEST_F(TavloDefaultParameters_, MissingUUIDAndScreenHaveTheirStandIns) {
   test.secureStore->setFailure(TavloMemorySecureStore::Operation::copy, TavloSecureStoreIOError);
   test.deviceInfo->mainScreenValue.reset();

@@ -101,25 +101,6 @@ TEST_F(TavloStreamingTaggerTest, TheConfigurationIsCopiedOnceAndTheSettersFollow
   EXPECT_EQ(0u, sent[0].count("cmsGR")) << "an empty genre is left out";
 }
 
-TEST_F(TavloStreamingTaggerTest, TheModeFollowsTheNetworkAndTheApplicationsChoice) {
-  goOffline();
-  const auto t = tagger();
-  EXPECT_EQ(TavloSendingModeDisconnected, t->getCurrentMode()) << "made while the network is down";
-  goOnline();
-  EXPECT_EQ(TavloSendingModeLive, t->getCurrentMode());
-  t->setSendingMode(TavloSendingModeTimestamped);
-  EXPECT_EQ(TavloSendingModeTimestamped, t->getCurrentMode());
-  test.reachability->setFlags(0);  // the notification is not delivered yet...
-  EXPECT_EQ(TavloSendingModeTimestamped, t->getCurrentMode());
-  t->setSendingMode(TavloSendingModeTimestamped);  // ...but setting the mode reads the network
-  EXPECT_EQ(TavloSendingModeDisconnected, t->getCurrentMode());
-  goOnline();
-  t->setSendingMode(static_cast<TavloSendingMode>(9));
-  EXPECT_EQ(TavloSendingModeTimestamped, t->sendingMode());
-  EXPECT_TRUE(
-      test.logSink->contains("(ERROR) : TavloStreamingTagger - Sending mode 9 is not 0, 1 or 2: the mode stays 0"));
-}
-
 // Hits.
 
 TEST_F(TavloStreamingTaggerTest, AHitCarriesTheDefaultsAndTheStreamingSetWithTheCrosswiseLevels) {
@@ -344,21 +325,6 @@ TEST_F(TavloStreamingTaggerTest, ATaggerReleasedWithTimersPendingStopsThemAndSen
   EXPECT_EQ(0u, test.mainQueue->pendingCount());
   EXPECT_EQ(Strings{"5"}, column("cmsPS")) << "no final or throttled hit";
   EXPECT_EQ(1u, center->TEST_observerCount(kTavloReachabilityChangedNotification)) << "only the agent listens";
-}
-
-TEST_F(TavloStreamingTaggerTest, ADelegateThatGoesAwayMidPlayStopsSupplyingPositions) {
-  auto delegate = std::make_shared<TavloTestPositionDelegate>();
-  delegate->answer = [this](TavloStreamingTagger&) { return static_cast<int64_t>(test.mainQueue->elapsed()); };
-  const auto t = tagger(TavloStreamingTypeDelegatePosition);
-  t->setDelegate(delegate);
-  t->notifyEvent(TavloStreamingEventPlay);
-  advanceTo(15);
-  delegate.reset();
-  EXPECT_FALSE(t->delegate());
-  advanceTo(21);
-  t->notifyEvent(TavloStreamingEventPause);
-  EXPECT_EQ((Strings{"0", "10", "10", "10"}), column("cmsPO"));
-  EXPECT_EQ((Strings{"state", "polling", "polling", "state"}), column("cmsEV"));
 }
 
 }  // namespace
