@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages Tavlo builds, tests and benchmarks with.
+# Installs the Debian 12 packages Tavlo builds, tests, fuzzes (clang, libFuzzer) and
+# benchmarks with.
 # Idempotent: when every package is already present it touches nothing.
 set -euo pipefail
 
 packages=(
   g++ cmake pkg-config make
   libcurl4-openssl-dev libplist-dev libplist-utils uuid-dev
-  libcpp-httplib-dev libgtest-dev googletest libgmock-dev libbenchmark-dev
+  libcpp-httplib-dev libgtest-dev googletest libbenchmark-dev clang libclang-rt-dev
   python3 binutils dpkg-dev doxygen
 )
 

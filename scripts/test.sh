@@ -1,26 +1,58 @@
 #!/usr/bin/env bash
-# Sets up the machine, builds Tavlo with warnings as errors and runs every test.
-#   TAVLO_SANITIZE=address,undefined scripts/test.sh   runs the suite under sanitizers
-#   TAVLO_BUILD_DIR=...                                 chooses the build folder
+# Sets up the machine and runs the whole gate CI runs (.ci/run):
+#   1. the include-graph check of src/ (docs/architecture.md);
+#   2. the build with warnings as errors (library, tests, tools, examples, benchmarks built
+#      but not run, the API reference) and every test;
+#   3. the test suite again under AddressSanitizer + UBSan, then under ThreadSanitizer;
+#   4. each fuzz target, from its seed corpus, for TAVLO_FUZZ_SECONDS (default 60).
+# About half an hour on two cores from a clean clone (docs/testing.md).
+#
+#   TAVLO_SANITIZE=address,undefined scripts/test.sh   only the suite under those sanitizers
+#   TAVLO_SANITIZE=thread scripts/test.sh              only the suite under ThreadSanitizer
+#   TAVLO_QUICK=1 scripts/test.sh                      only steps 1 and 2
+#   TAVLO_BUILD_DIR=...                                the build folder of step 2
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/install-deps.sh"
 
-# The folders of src/ include downwards only (docs/architecture.md): checked first, in a
-# second, so a layering slip fails before the build starts.
-python3 "$root/scripts/check-layers.py" "$root"
-
-build="${TAVLO_BUILD_DIR:-$root/build}"
-sanitize="${TAVLO_SANITIZE:-}"
-if [ -n "$sanitize" ] && [ -z "${TAVLO_BUILD_DIR:-}" ]; then
-  build="$root/build-${sanitize//,/-}"
-fi
-
 # The integration tests talk to servers on the loopback address: never through a proxy.
 export no_proxy="127.0.0.1,localhost${no_proxy:+,$no_proxy}"
 export NO_PROXY="$no_proxy"
+jobs="$(nproc)"
 
-cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DTAVLO_WERROR=ON -DTAVLO_SANITIZE="$sanitize"
-cmake --build "$build" --parallel "$(nproc)"
-ctest --test-dir "$build" --output-on-failure --parallel "$(nproc)" --timeout 300
+# One configuration: configure, build, run its tests. Extra arguments go to cmake.
+suite() {
+  local build="$1" sanitize="$2"
+  shift 2
+  echo "== $(date +%T) ${sanitize:-plain} build in $build"
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVLO_WERROR=ON -DTAVLO_SANITIZE="$sanitize" "$@"
+  cmake --build "$build" --parallel "$jobs"
+  ctest --test-dir "$build" --output-on-failure --parallel "$jobs" --timeout 300
+}
+
+# Under a sanitizer the suite alone: the tools, examples and packages are the plain
+# build's to check, and -O1 with line tables only (-g1) keeps the instrumented builds short.
+sanitized() {
+  local sanitize="$1"
+  suite "$root/build-${sanitize//,/-}" "$sanitize" -DTAVLO_BUILD_TOOLS=OFF -DTAVLO_BUILD_EXAMPLES=OFF \
+    -DTAVLO_BUILD_BENCH=OFF -DTAVLO_INSTALL=OFF \
+    "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1" "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1 -g1"
+}
+
+if [ -n "${TAVLO_SANITIZE:-}" ]; then
+  sanitized "$TAVLO_SANITIZE"
+  exit 0
+fi
+
+# The folders of src/ include downwards only: checked first, in a second, so a layering
+# slip fails before the build starts.
+python3 "$root/scripts/check-layers.py" "$root"
+
+suite "${TAVLO_BUILD_DIR:-$root/build}" ""
+[ -n "${TAVLO_QUICK:-}" ] && exit 0
+
+sanitized address,undefined
+sanitized thread
+echo "== $(date +%T) fuzz targets, ${TAVLO_FUZZ_SECONDS:-60} s each"
+bash "$root/scripts/fuzz.sh" "${TAVLO_FUZZ_SECONDS:-60}"
+echo "== $(date +%T) every check passed"
