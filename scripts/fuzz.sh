@@ -23,8 +23,9 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 build="$root/build-fuzz"
+# The tools on: tavlo-queue's report is one of the targets.
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DTAVLO_FUZZ=ON -DTAVLO_BUILD_TESTS=OFF -DTAVLO_BUILD_BENCH=OFF \
+  -DTAVLO_FUZZ=ON -DTAVLO_BUILD_TESTS=OFF -DTAVLO_BUILD_BENCH=OFF -DTAVLO_BUILD_TOOLS=ON \
   -DTAVLO_SANITIZE=address,undefined -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link >/dev/null
 targets=()
 for source in "$root"/fuzz/*Fuzz.cpp; do
