@@ -106,8 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     __builtin_trap();
   }
   // Values taken from the answer are whole pieces of a UTF-8 body, quotes removed.
-  const bool answered =
-      *access.baseURL() != platform().endpoints.secondCollection + "/m/web/" || session.cmsVI() != std::to_string(kLocalVisit);
+  const bool answered = *access.baseURL() != platform().endpoints.secondCollection + "/m/web/" ||
+                        session.cmsVI() != std::to_string(kLocalVisit);
   if (answered && (!TavloIsValidUTF8(response.body) || holdsAnyOf(access.baseURL(), "|=\"") ||
                    holdsAnyOf(session.cmsVI(), "|=\""))) {
     __builtin_trap();

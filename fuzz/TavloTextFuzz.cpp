@@ -103,7 +103,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const size_t prefixLength = TavloUTF16Length(prefix);
   if (prefixLength > units) __builtin_trap();
   if (!text.starts_with(prefix)) {
-    const std::string_view kept = std::string_view(prefix).substr(0, prefix.size() - std::min(prefix.size(), kReplacement.size()));
+    const std::string_view kept =
+        std::string_view(prefix).substr(0, prefix.size() - std::min(prefix.size(), kReplacement.size()));
     size_t position = kept.size();
     const std::optional<char32_t> cut = TavloNextCodePoint(text, position);
     if (!prefix.ends_with(kReplacement) || !text.starts_with(kept) || !cut || *cut < 0x10000 || prefixLength != units) {
