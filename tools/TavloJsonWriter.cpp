@@ -27,7 +27,10 @@ std::string TavloJsonWriter::quoted(std::string_view text) {
       out += "\\b";
     } else if (*c == '\f') {
       out += "\\f";
-    } else if (*c < 0x20 || (*c >= 0x7F && *c <= 0x9F) || *c == 0x2028 || *c == 0x2029) {
+    } else if (*c < 0x20 || (*c >= 0x7F && *c <= 0x9F) || (*c >= 0x2028 && *c <= 0x202E) ||
+               (*c >= 0x2066 && *c <= 0x2069)) {
+      // Controls, line separators, and the bidirectional overrides and isolates, which
+      // would reorder what a terminal shows of the JSON around them.
       TavloAppendUnicodeEscape(out, *c);
     } else {
       out.append(text.substr(start, position - start));  // well-formed: copied byte for byte
