@@ -151,7 +151,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
 
   const std::string json = report.json("requests.ser");
   if (!JsonChecker(json).wholeText() || !json.ends_with("\n") || !onlyInert(json, inertInJson) ||
-      !onlyInert(json, inertOnTerminal) || json.find("\n  \"count\": " + std::to_string(report.elements().size()) + ",\n") == std::string::npos) {
+      !onlyInert(json, inertOnTerminal) ||
+      json.find("\n  \"count\": " + std::to_string(report.elements().size()) + ",\n") == std::string::npos) {
     __builtin_trap();
   }
 
