@@ -1,7 +1,6 @@
-// Runs an example against an in-process server and checks what arrived:
-//   tavlo_example_check EXAMPLE_BINARY [HIT_COUNT USER_AGENT]
-// By default, the audience example's 3 hits and user agent. Hits that carry a rank
-// ("cmsRK", streaming hits) must arrive ranked 1, 2, 3, ...
+// tavlo_example_check EXAMPLE_BINARY [HIT_COUNT USER_AGENT]: runs an example against an
+// in-process server. Its hits (by default the audience example's 3) must carry its customer
+// data and user agent, and those with a rank ("cmsRK", streaming hits) arrive ranked 1, 2, ...
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -25,7 +24,6 @@ int main(int argc, char** argv) {
       argc == 4 ? argv[3] : std::string("TavloAudienceExample/1.0 Tavlo SDK v") + TavloVersionString + " apple tv";
   TavloTemporaryDirectory home;
   setenv("XDG_DATA_HOME", home.path().c_str(), 1);  // the example's queue file and device id go here
-
   TavloTestServer server;
   server.handle("/", [&](const TavloTestServerRequest&) {
     return TavloTestServerResponse::with(200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=1");
@@ -35,31 +33,22 @@ int main(int argc, char** argv) {
   std::string base = server.baseURL();
   char* arguments[] = {argv[1], base.data(), nullptr};
   pid_t child = 0;
-  if (posix_spawn(&child, argv[1], nullptr, nullptr, arguments, environ) != 0) {
-    std::fprintf(stderr, "FAIL: cannot start %s\n", argv[1]);
-    return 1;
-  }
   int status = 0;
-  waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "FAIL: the example did not report its hits sent\n");
+  if (posix_spawn(&child, argv[1], nullptr, nullptr, arguments, environ) != 0 || waitpid(child, &status, 0) < 0 ||
+      !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "FAIL: %s did not start, or did not report its hits sent\n", argv[1]);
     return 1;
   }
   int hits = 0;
   for (const auto& request : server.requests()) {
-    if (request.path == "/m/web/example-serial") {
-      ++hits;
-      if (request.query.find("crmid=viewer-42") == std::string::npos ||
-          request.header("User-Agent") != userAgent) {
-        std::fprintf(stderr, "FAIL: unexpected hit %s\n", request.target.c_str());
-        return 1;
-      }
-      const size_t rank = request.query.find("cmsRK=");
-      if (rank != std::string::npos && std::atoi(request.query.c_str() + rank + 6) != hits) {
-        std::fprintf(stderr, "FAIL: hit %d arrived with the wrong rank: %s\n", hits, request.target.c_str());
-        return 1;
-      }
+    if (request.path != "/m/web/example-serial") continue;
+    const size_t rank = request.query.find("cmsRK=");
+    if (request.query.find("crmid=viewer-42") == std::string::npos || request.header("User-Agent") != userAgent ||
+        (rank != std::string::npos && std::atoi(request.query.c_str() + rank + 6) != hits + 1)) {
+      std::fprintf(stderr, "FAIL: unexpected hit %s\n", request.target.c_str());
+      return 1;
     }
+    ++hits;
   }
   if (hits != expectedHits) {
     std::fprintf(stderr, "FAIL: %d hits arrived, %d expected\n", hits, expectedHits);
