@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake pkg-config make
-  libcurl4-openssl-dev libplist-dev libplist-utils uuid-dev
+  libcurl4-openssl-dev libplist-dev uuid-dev
   libcpp-httplib-dev libgtest-dev googletest libbenchmark-dev clang libclang-rt-dev
   python3 binutils dpkg-dev doxygen
 )

@@ -11,12 +11,12 @@
 #include <string_view>
 
 #include "agent/TavloAgent.h"
-#include "c/tavlo_c_internal.h"
 #include "platform/TavloLogger.h"
 #include "tavlo/TavloApplication.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/TavloVersion.h"
+#include "tavlo/platform/TavloPlatform.h"
 #include "tavlo/tavlo.h"
 #include "util/TavloLogSafe.h"
 #include "util/TavloText.h"
@@ -206,11 +206,24 @@ struct tavlo_streaming_config_t {
   TavloStreamingConfig* rep;  // lives as long as the configuration callback runs
 };
 
+/// A platform as a C program describes it: only what the C interface lets it set. The
+/// TavloPlatform itself is built when installed, because the Linux device information
+/// takes the application's name and version at construction.
+struct tavlo_platform_t {
+  TavloApplicationInfo application;
+  /// Every endpoint at this base; the built-in endpoints while absent.
+  TavloString endpointsBaseURL;
+};
+
+namespace {
+// The platform tavlo_platform_install installs for `platform`: the Linux defaults with
+// the application's name and version, and the endpoints it chose.
 TavloPlatform TavloPlatformFromC(const tavlo_platform_t& platform) {
   TavloPlatform installed = TavloPlatform::linuxDefaults(platform.application);
   if (platform.endpointsBaseURL) installed.endpoints = TavloEndpoints::allAt(*platform.endpointsBaseURL);
   return installed;
 }
+}  // namespace
 
 // The library, process-wide.
 
