@@ -1,144 +1,110 @@
+// How a platform is installed, the logger that writes through the installed sink (which
+// lines pass the threshold, and the words they carry), the standard error sink, and the
+// device facts sent as "m_os" and "m_fw".
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <signal.h>
 
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <cerrno>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <tuple>
 
-#include "TavloBuildConfig.h"
+#include "linux/TavloLinuxDeviceInfo.h"
+#include "linux/TavloStderrLogSink.h"
 #include "platform/TavloInstalledPlatform.h"
-#include "support/TavloFixedAdvertisingIdProvider.h"
+#include "platform/TavloLogger.h"
+#include "support/TavloLoggingFixture.h"
 #include "support/TavloScopedEnvironmentVariable.h"
-#include "support/TavloTestPlatform.h"
-#include "tavlo/platform/TavloPlatform.h"
+#include "tavlo/TavloApplication.h"
 
 namespace {
 
-// One row per seam: how to empty it in a platform and which object it holds.
-struct Seam {
-  const char* name;
-  std::function<void(TavloPlatform&)> clear;
-  std::function<const void*(const TavloPlatform&)> held;
-};
-#define TAVLO_SEAM(member) \
-  Seam { #member, [](TavloPlatform& p) { p.member.reset(); }, [](const TavloPlatform& p) -> const void* { return p.member.get(); } }
-const Seam seams[] = {
-    TAVLO_SEAM(clock),       TAVLO_SEAM(random),     TAVLO_SEAM(logSink),
-    TAVLO_SEAM(files),       TAVLO_SEAM(secureStore), TAVLO_SEAM(deviceInfo),
-    TAVLO_SEAM(mainQueue),   TAVLO_SEAM(httpClient), TAVLO_SEAM(reachabilitySource),
-    TAVLO_SEAM(advertisingIdProvider),
-};
-#undef TAVLO_SEAM
+using TavloPlatformTest = TavloLoggingTest;
 
-// Seams Linux has no default for (the advertising identifier), or not one wired in yet.
-bool linuxLeavesEmpty(const Seam& seam) {
-  return std::string(seam.name) == "advertisingIdProvider" || std::string(seam.name) == "reachabilitySource";
+TEST_F(TavloPlatformTest, LinuxDefaultsFillTheGapsOfAnInstalledPlatformAndKeepSecureItemsUnderTheDataFolder) {
+  TavloTemporaryDirectory data;
+  TavloScopedEnvironmentVariable xdg("XDG_DATA_HOME", data.path());
+  TavloPlatform partial;
+  partial.logSink = test.logSink;
+  partial.clock = test.clock;
+  TavloPlatform::install(partial);
+  const TavloPlatform p = TavloPlatform::installed();
+  EXPECT_TRUE(p.clock == test.clock && p.random && p.files && p.secureStore && p.deviceInfo && p.mainQueue && p.httpClient && p.reachabilitySource);
+  ASSERT_EQ(TavloPlatform::linuxDefaults().secureStore->add({"service", "account", std::nullopt}, "secret"), TavloSecureStoreSuccess);
+  EXPECT_TRUE(std::filesystem::exists(data.pathFor("tavlo/secure-store/genp.service.account"))) << "where a later version looks";
 }
 
-unsigned modeOf(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0xFFFFFFFF;
+// The new sink is one written for 5.4, which overrides only the deprecated one-argument form.
+TEST_F(TavloPlatformTest, TheLogSinkChangesAtOnceAndAnInstallAfterTheLibraryStartedSaysItComesTooLate) {
+  struct OldSink : TavloLogSink {
+    std::vector<std::string> lines;
+    void writeLine(std::string_view line) override { lines.emplace_back(line); }
+  };
+  auto sink = std::make_shared<OldSink>();
+  TavloPlatform other = test.platform;
+  other.logSink = sink;
+  TavloPlatform::install(other);
+  TavloLogger::log("to the new sink", TavloLoggingModeError);
+  EXPECT_EQ(std::vector<std::string>{"(ERROR) : to the new sink"}, sink->lines);
+  EXPECT_FALSE(test.logSink->contains("to the new sink"));
+
+  TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeWarning);
+  TavloMarkInstalledPlatformTaken();
+  EXPECT_FALSE(TavloPlatform::install(test.platform)) << "the caller learns that only the sink changed";
+  EXPECT_TRUE(test.logSink->contains("(WARNING) : TavloPlatform::install was called after the library started"));
+}
+
+TEST_F(TavloPlatformTest, TheLoggerStartsWithErrorsOnlyAndComparesThresholdAndLevelAsUnsignedNumbers) {
+  EXPECT_EQ(TavloLoggingModeError, TavloLogger::sharedLogger().loggingMode());
+  const std::tuple<int64_t, int64_t, const char*> cases[] = {  // threshold, level, line (null: none)
+      {2, 1, nullptr}, {2, 2, "(ERROR) : message"}, {0, 0, "(INFO) : message"}, {0, 1, "(WARNING) : message"},
+      {1, 0, nullptr}, {0, 5, "() : message"},
+      {-1, 2, nullptr}, {std::numeric_limits<int64_t>::min(), 2, nullptr},  // a negative threshold is a huge unsigned one
+      {2, -1, "() : message"},                                              // and so is a negative level
+  };
+  for (const auto& [threshold, level, line] : cases) {
+    test.logSink->clear();
+    TavloSetLoggingMode(threshold);
+    TavloLogger::log("message", level);
+    EXPECT_EQ(line ? std::vector<std::string>{line} : std::vector<std::string>{}, test.logSink->lines()) << threshold << " " << level;
+  }
+}
+
+// The default sink: the line as a system log shows it, and no SIGPIPE when nobody reads.
+TEST_F(TavloPlatformTest, TheStderrSinkPrefixesEachLineAndSurvivesAPipeWithoutReader) {
+  TavloScopedEnvironmentVariable zone("TZ", std::string("UTC0"));
+  EXPECT_EQ(TavloStderrLogSink::prefixAt(1700000000, 5), "2023-11-14 22:13:20.005 Tavlo[" + std::to_string(getpid()) + "] ");
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ::close(ends[0]);
+  errno = ENOENT;
+  TavloStderrLogSink(ends[1]).writeLine("nobody reads this", TavloLogLevel::Info);
+  EXPECT_EQ(errno, ENOENT) << "the caller's errno must survive a log line";
+  sigset_t pending;
+  ASSERT_EQ(sigpending(&pending), 0);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 0) << "the sink's own SIGPIPE must not stay pending";
+  ::close(ends[1]);
+}
+
+TEST_F(TavloPlatformTest, LinuxDeviceInfoGivesModelAndSystemVersionFromTheApplicationThenTheSystemFiles) {
+  const std::string model = "proc/device-tree/model", dmi = "sys/class/dmi/id/product_name", osRelease = "etc/os-release";
+  const std::tuple<std::map<std::string, std::string>, std::string, std::string, std::string> cases[] = {  // files, application's model, m_os, m_fw
+      {{{model, std::string("Box One\0Box Family\0", 19)}, {osRelease, "# VERSION_ID=0\nVERSION_IDX=9\n  VERSION_ID=\"1\\\"2\"\n"}}, "", "Box One", "1\"2"},
+      {{{model, std::string(" \n\0", 3)}, {dmi, "OptiPlex 7070\n"}, {"usr/lib/os-release", "VERSION_ID='3.18'"}}, "", "OptiPlex 7070", "3.18"},
+      {{{model, std::string(8192, 'M')}, {dmi, "  \n"}, {osRelease, "VERSION_ID=12"}}, "", "Linux", "12"},
+      {{{model, "ARM Box"}, {osRelease, "VERSION_ID=12"}}, "Living Room Box", "Living Room Box", "12"},
+  };
+  for (const auto& [files, applicationModel, expectedModel, expectedVersion] : cases) {
+    TavloTemporaryDirectory root;
+    for (const auto& [path, contents] : files) root.writeFile(path, contents);
+    TavloApplicationInfo application;
+    application.model = applicationModel;
+    TavloLinuxDeviceInfo info(application, root.path());
+    root.writeFile(model, "read again");  // the files are read once, when made
+    EXPECT_EQ(info.model(), expectedModel) << expectedModel;
+    EXPECT_EQ(info.systemVersion(), expectedVersion) << expectedModel;
+  }
 }
 
 }  // namespace
-
-TEST(TavloEndpointsTest, CompiledDefaultsAndAllAtFillEachEndpoint) {
-  const auto fields = [](const TavloEndpoints& e) {
-    return std::vector<std::string>{e.authorisation, e.audienceCollection, e.streamingCollection, e.secondCollection,
-                                    e.audienceCollectionAddress()};
-  };
-  EXPECT_EQ(fields(TavloEndpoints::compiledDefaults()),
-            (std::vector<std::string>{TAVLO_DEFAULT_AUTHORISATION_ENDPOINT, TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT,
-                                      TAVLO_DEFAULT_STREAMING_COLLECTION_ENDPOINT, TAVLO_DEFAULT_SECOND_COLLECTION_ENDPOINT,
-                                      TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT "/m/web/"}));
-  const std::pair<std::string, std::string> bases[] = {
-      {"http://127.0.0.1:8080", "http://127.0.0.1:8080"},
-      {"http://127.0.0.1:8080/", "http://127.0.0.1:8080"},
-      {"http://[::1]:9//", "http://[::1]:9"},
-      {"", ""},
-  };
-  for (const auto& [base, expected] : bases) {
-    EXPECT_EQ(fields(TavloEndpoints::allAt(base)),
-              (std::vector<std::string>{expected, expected, expected, expected, expected + "/m/web/"}))
-        << "base \"" << base << "\"";
-  }
-}
-
-TEST(TavloPlatformTest, CompletedWithFillsOnlyTheEmptySeamsAndEndpoints) {
-  // Both sides hold every seam, each its own object, so any mix-up shows.
-  TavloTestPlatform own = TavloMakeTestPlatform();
-  own.platform.advertisingIdProvider = std::make_shared<TavloFixedAdvertisingIdProvider>("OWN");
-  TavloTestPlatform fallback = TavloMakeTestPlatform();
-  fallback.platform.advertisingIdProvider = std::make_shared<TavloFixedAdvertisingIdProvider>("FALLBACK");
-  for (const Seam& missing : seams) {
-    TavloPlatform partial = own.platform;
-    missing.clear(partial);
-    const TavloPlatform completed = partial.completedWith(fallback);
-    for (const Seam& seam : seams) {
-      const void* expected = (&seam == &missing) ? seam.held(fallback) : seam.held(own);
-      EXPECT_EQ(seam.held(completed), expected) << seam.name << " with " << missing.name << " missing";
-    }
-    EXPECT_EQ(missing.held(partial.completedWith(TavloPlatform{})), nullptr) << "an empty fallback fills nothing";
-  }
-
-  TavloPlatform partial = own.platform;
-  partial.endpoints.authorisation = "";
-  partial.endpoints.secondCollection = "";
-  fallback.platform.endpoints = TavloEndpoints::allAt("https://fallback.example");
-  const TavloEndpoints completed = partial.completedWith(fallback).endpoints;
-  EXPECT_EQ(completed.authorisation, "https://fallback.example");
-  EXPECT_EQ(completed.audienceCollection, "http://127.0.0.1:1");
-  EXPECT_EQ(completed.streamingCollection, "http://127.0.0.1:1");
-  EXPECT_EQ(completed.secondCollection, "https://fallback.example");
-}
-
-TEST(TavloPlatformTest, LinuxDefaultsProvideTheirSeamsAndKeepSecureItemsPrivate) {
-  TavloTemporaryDirectory data;
-  TavloScopedEnvironmentVariable xdg("XDG_DATA_HOME", data.path());
-  TavloApplicationInfo application;
-  application.bundleName = "Replay";
-  application.model = "Living Room Box";
-  const TavloPlatform platform = TavloPlatform::linuxDefaults(application);
-  for (const Seam& seam : seams) {
-    EXPECT_TRUE(linuxLeavesEmpty(seam) || seam.held(platform) != nullptr) << seam.name;
-  }
-  EXPECT_EQ(platform.advertisingIdProvider, nullptr) << "Linux has no advertising identifier";
-  EXPECT_EQ(platform.deviceInfo->bundleName(), TavloString("Replay"));
-  EXPECT_EQ(platform.deviceInfo->model(), "Living Room Box");
-  EXPECT_EQ(platform.endpoints.audienceCollection, TAVLO_DEFAULT_AUDIENCE_COLLECTION_ENDPOINT);
-  EXPECT_EQ(platform.files->dataDirectory(), data.path());
-
-  ASSERT_EQ(platform.secureStore->add({"service", "account", std::nullopt}, "secret"), TavloSecureStoreSuccess);
-  EXPECT_EQ(modeOf(data.pathFor("tavlo/secure-store")), 0700u);
-  EXPECT_EQ(modeOf(data.pathFor("tavlo/secure-store/genp.service.account")), 0600u);
-}
-
-TEST(TavloPlatformTest, InstallCompletesThePlatformAndRoutesTheLogSink) {
-  auto sink = std::make_shared<TavloCapturingLogSink>();
-  auto clock = std::make_shared<TavloManualClock>(42);
-  TavloPlatform partial;
-  partial.logSink = sink;
-  partial.clock = clock;
-  partial.endpoints = TavloEndpoints::allAt("http://127.0.0.1:2");
-  TavloPlatform::install(partial);
-
-  const TavloPlatform installed = TavloPlatform::installed();
-  EXPECT_EQ(installed.logSink, sink);
-  EXPECT_EQ(installed.clock, clock);
-  EXPECT_EQ(installed.endpoints.authorisation, "http://127.0.0.1:2");
-  for (const Seam& seam : seams) {
-    EXPECT_TRUE(linuxLeavesEmpty(seam) || seam.held(installed) != nullptr) << seam.name;
-  }
-  EXPECT_EQ(TavloPlatform::installed().secureStore, installed.secureStore) << "the defaults that fill gaps are made once";
-  EXPECT_EQ(TavloInstalledLogSink(), sink);
-  TavloInstalledLogSink()->writeLine("through the installed sink", TavloLogLevel::Info);
-  EXPECT_TRUE(sink->contains("through the installed sink"));
-
-  auto replacement = std::make_shared<TavloCapturingLogSink>();
-  TavloPlatform next;
-  next.logSink = replacement;
-  TavloPlatform::install(next);
-  EXPECT_EQ(TavloInstalledLogSink(), replacement) << "a new sink takes effect at once";
-  EXPECT_NE(TavloPlatform::installed().clock, clock);
-}
