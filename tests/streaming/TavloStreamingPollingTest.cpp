@@ -207,18 +207,4 @@ TEST_F(TavloStreamingPollingTest, PollingHitsPassTheThrottleAndRanksFollowArriva
   EXPECT_EQ((Strings{"1", "2", "3", "4"}), column("cmsRK"));
 }
 
-TEST_F(TavloStreamingPollingTest, ARefusalFoundByAPollStopsPolling) {
-  const auto t = tagger();
-  t->notifyEvent(TavloStreamingEventPlay);
-  advanceTo(5);
-  settle();  // the play is sent before the refusal is cached
-  denyStreaming(*t);
-  advanceTo(10);
-  test.mainQueue->runUntilIdle();
-  EXPECT_EQ(0u, test.mainQueue->pendingCount()) << "the poll at 10 s found the refusal";
-  advanceTo(200);
-  EXPECT_EQ(Strings{"state"}, column("cmsEV"));
-  EXPECT_FALSE(test.logSink->contains("Polling at 10 sec"));
-}
-
 }  // namespace
