@@ -384,16 +384,6 @@ TEST_F(TavloAgentFileTest, AFullFileLoadsWholeBeforeTheFirstNewHit) {
   EXPECT_EQ((std::vector<std::string>{"<marker>", "new"}), std::vector<std::string>(levels.end() - 2, levels.end()));
 }
 
-TEST_F(TavloAgentFileTest, TemporariesOfAKilledSaveAreRemovedAtStart) {
-  agent->shutdown();
-  const std::string folder = test.directory->path() + "/TestApp/TavloCache/";
-  test.directory->writeFile("TestApp/TavloCache/.requests.ser.tmp-99999-0", "half a queue");
-  test.directory->writeFile("TestApp/TavloCache/other.txt", "not ours");
-  startAgent();
-  EXPECT_FALSE(std::filesystem::exists(folder + ".requests.ser.tmp-99999-0"));
-  EXPECT_TRUE(std::filesystem::exists(folder + "other.txt"));
-}
-
 TEST_F(TavloAgentFileTest, AQueueThatCannotBeKeptInAFileSaysWhyAndLivesInMemory) {
   struct Case {
     const char* name;
@@ -443,6 +433,10 @@ TEST_F(TavloAgentFileTest, ARestartKeepsStreamingRequestsThenClearsTheAuthorisat
 }
 
 TEST_F(TavloAgentFileTest, ADamagedFileGivesAnEmptyQueueAndIsReplacedAtTheNextSave) {
+  // A save killed half way leaves a temporary beside the file: the next start removes it,
+  // and only it.
+  test.directory->writeFile("TestApp/TavloCache/.requests.ser.tmp-99999-0", "half a queue");
+  test.directory->writeFile("TestApp/TavloCache/other.txt", "not ours");
   for (const std::string& bytes : {std::string("bplist00garbage"), std::string(), std::string("\0\0\0", 3)}) {
     writeQueueBytes(bytes);
     test.reachability->setFlags(0);
@@ -455,6 +449,9 @@ TEST_F(TavloAgentFileTest, ADamagedFileGivesAnEmptyQueueAndIsReplacedAtTheNextSa
     EXPECT_EQ((std::vector<std::string>{"kept", "<marker>"}), levelsOf(agent->TEST_queue()))
         << "the damaged file was replaced by a good one";
   }
+  const std::string folder = test.directory->path() + "/TestApp/TavloCache/";
+  EXPECT_FALSE(std::filesystem::exists(folder + ".requests.ser.tmp-99999-0"));
+  EXPECT_TRUE(std::filesystem::exists(folder + "other.txt"));
 }
 
 TEST_F(TavloAgentFileTest, ASecondAgentOfTheSameApplicationKeepsItsQueueInMemory) {
