@@ -30,10 +30,10 @@ class TavloFileSecureStoreTest : public ::testing::Test {
     EXPECT_FALSE(files->readFile(path, contents, 1 << 20)) << path;
     return contents;
   }
-  static std::string valueOf(TavloSecureStore& from) {
+  std::string valueOf(TavloSecureStore& from) {  // the value, or the status that kept it back
     std::string value;
     const int32_t status = from.copyMatching(deviceItem, &value);
-    return status == TavloSecureStoreSuccess ? value : "<status " + std::to_string(status) + ">";
+    return status == TavloSecureStoreSuccess ? value : std::to_string(status);
   }
 
   TavloTemporaryDirectory directory;
@@ -51,21 +51,14 @@ TEST_F(TavloFileSecureStoreTest, EachItemIsOnePrivateFileUnderAnEscapedNameInAPr
   EXPECT_EQ(0600u, itemStatus.st_mode & 07777);
   EXPECT_EQ(readRaw(path), std::string("TAVLO-SECURE-ITEM 1\n5D2A1C3E\0\n\xff", 31));
   // Dots are escaped too, so no two queries share a file; nothing reaches outside the folder.
-  const std::pair<TavloSecureItemQuery, std::string> names[] = {
-      {{"svc", "acct", "group.shared"}, "genp.svc.acct.group%2Eshared"},
-      {{"svc.acct", "group", std::nullopt}, "genp.svc%2Eacct.group"},
-      {{"../../etc", "caf\xc3\xa9 %", ""}, "genp.%2E%2E%2F%2E%2E%2Fetc.caf%C3%A9%20%25."},
-  };
-  for (const auto& [query, name] : names) {
-    ASSERT_EQ(store.add(query, name), TavloSecureStoreSuccess) << name;
-    EXPECT_EQ(readRaw(folder + "/" + name), "TAVLO-SECURE-ITEM 1\n" + name);
-  }
+  ASSERT_EQ(store.add({"../../etc", "caf\xc3\xa9 %", "group.shared"}, "value"), TavloSecureStoreSuccess);
+  EXPECT_EQ(readRaw(folder + "/genp.%2E%2E%2F%2E%2E%2Fetc.caf%C3%A9%20%25.group%2Eshared"), "TAVLO-SECURE-ITEM 1\nvalue");
 }
 
 TEST_F(TavloFileSecureStoreTest, StatusesFollowTheItemAndAFailedWriteLeavesTheOldValueAndADamagedItemCanBeRepaired) {
   EXPECT_EQ(store.update(deviceItem, "NEW"), TavloSecureStoreItemNotFound);
   EXPECT_EQ(store.remove(deviceItem), TavloSecureStoreItemNotFound);
-  EXPECT_EQ(valueOf(store), "<status " + std::to_string(TavloSecureStoreItemNotFound) + ">");
+  EXPECT_EQ(valueOf(store), std::to_string(TavloSecureStoreItemNotFound));
   ASSERT_EQ(store.add(deviceItem, "OLD"), TavloSecureStoreSuccess);
   EXPECT_EQ(store.add(deviceItem, "NEW"), TavloSecureStoreDuplicateItem);
   EXPECT_EQ(store.update(deviceItem, std::string(TavloFileSecureStore::maxValueBytes + 1, 'x')), TavloSecureStoreIOError);
@@ -77,7 +70,7 @@ TEST_F(TavloFileSecureStoreTest, StatusesFollowTheItemAndAFailedWriteLeavesTheOl
   const std::string header(TavloFileSecureStore::itemHeader);
   for (const std::string& damaged : {std::string("TAVLO-SECURE-ITEM 2\nvalue"), header + std::string(TavloFileSecureStore::maxValueBytes + 1, 'x')}) {
     ASSERT_FALSE(files->writeFileAtomically(store.pathFor(deviceItem), damaged, 0600));
-    EXPECT_EQ(valueOf(store), "<status " + std::to_string(TavloSecureStoreDecodeError) + ">") << damaged.size();
+    EXPECT_EQ(valueOf(store), std::to_string(TavloSecureStoreDecodeError)) << damaged.size();
     EXPECT_EQ(store.add(deviceItem, "NEW"), TavloSecureStoreDuplicateItem) << damaged.size() << ": the item still exists";
     EXPECT_EQ(readRaw(store.pathFor(deviceItem)), damaged) << damaged.size() << ": a refused add must not touch it";
     EXPECT_EQ(store.update(deviceItem, "REPAIRED"), TavloSecureStoreSuccess) << damaged.size();
@@ -89,9 +82,7 @@ TEST_F(TavloFileSecureStoreTest, AStoreThatCannotReachItsFilesAnswersIOErrorAndT
   ASSERT_FALSE(files->createDirectories(store.pathFor(deviceItem), 0700));  // unreadable as a file, even for root
   TavloFileSecureStore relative(files, "tavlo/secure-store");  // no home to keep it in
   for (TavloSecureStore* broken : {static_cast<TavloSecureStore*>(&store), static_cast<TavloSecureStore*>(&relative)}) {
-    std::string value = "untouched";
-    EXPECT_EQ(broken->copyMatching(deviceItem, &value), TavloSecureStoreIOError);
-    EXPECT_EQ(value, "untouched");
+    EXPECT_EQ(valueOf(*broken), std::to_string(TavloSecureStoreIOError)) << "an unreadable item is no missing one";
     EXPECT_EQ(broken->add(deviceItem, "NEW"), TavloSecureStoreIOError);
     EXPECT_EQ(broken->update(deviceItem, "NEW"), TavloSecureStoreIOError);
     EXPECT_EQ(broken->remove(deviceItem), TavloSecureStoreIOError);
@@ -100,7 +91,7 @@ TEST_F(TavloFileSecureStoreTest, AStoreThatCannotReachItsFilesAnswersIOErrorAndT
 }
 
 // The identifier's handler, over the test kit's store: each failure gives nil and its line.
-TEST_F(TavloFileSecureStoreTest, EveryStoreFailureOfTheIdentifierIsLoggedAndTriedAgain) {
+TEST(TavloQLVRUUIDHandlerTest, EveryStoreFailureOfTheIdentifierIsLoggedAndTriedAgain) {
   using Op = TavloMemorySecureStore::Operation;
   const std::tuple<Op, int32_t, const char*> cases[] = {
       {Op::add, TavloSecureStoreIOError, "QLVRUUIDHandler Keychain Save Error: -36"},
@@ -112,8 +103,7 @@ TEST_F(TavloFileSecureStoreTest, EveryStoreFailureOfTheIdentifierIsLoggedAndTrie
     TavloQLVRUUIDHandler fresh(test.secureStore, test.random, test.logSink);
     if (failing == Op::remove) (void)fresh.UUID();  // something to delete
     test.secureStore->setFailure(failing, status);
-    const TavloString answer = failing == Op::remove ? (fresh.reset(), TavloString()) : fresh.UUID();
-    EXPECT_FALSE(answer) << line;
+    EXPECT_FALSE(failing == Op::remove ? (fresh.reset(), TavloString()) : fresh.UUID()) << line;
     EXPECT_EQ(std::vector<std::string>{line}, test.logSink->lines()) << "whatever the logging threshold";
     test.secureStore->clearFailures();
     EXPECT_TRUE(fresh.UUID()) << line << ": nothing is remembered, the next call tries again";

@@ -6,7 +6,7 @@
 
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
+#include <future>
 #include <stdexcept>
 
 #include "platform/TavloMainLoopQueue.h"
@@ -15,43 +15,22 @@
 
 namespace {
 
-// What the queue reports back; also serves as a gate one side waits at.
-struct Journal {
-  void record(const std::string& entry) {
-    std::lock_guard<std::mutex> lock(protector);
-    entries.push_back(entry);
-    changed.notify_all();
-  }
-  std::vector<std::string> waitFor(size_t count) {  // what is in once `count` entries are, or after 20 s
-    std::unique_lock<std::mutex> lock(protector);
-    changed.wait_for(lock, std::chrono::seconds(20), [&] { return entries.size() >= count; });
-    return entries;
-  }
-  std::mutex protector;
-  std::condition_variable changed;
-  std::vector<std::string> entries;
-};
-
-// The queue is declared after what its tasks touch, so the thread is joined first.
+// The queue is declared after what its work touches, so the thread is joined first.
 class TavloMainQueueContract : public TavloLoggingTest, public ::testing::WithParamInterface<bool> {
  protected:
-  // Runs `steps` while nothing on the queue can run: behind a gate task on the thread.
-  void arrange(const std::function<void()>& steps) {
-    if (!GetParam()) return steps();
-    Journal gate, flushed;
-    queue->post([&gate] { gate.waitFor(1); });
-    steps();
-    gate.record("open");
-    queue->post([&flushed] { flushed.record("flushed"); });  // once it ran, the gate task has returned
-    flushed.waitFor(1);
-  }
-  // Lets the queue run until `journal` holds `count` entries.
-  std::vector<std::string> run(Journal& journal, size_t count) {
-    for (int step = 0; !GetParam() && step < 100'000 && journal.waitFor(0).size() < count; ++step) manual->advanceBy(0.001);
-    return journal.waitFor(count);
+  // Lets the queue run until its work sets `finished`, then answers what the work recorded:
+  // setting the promise is what makes the journal safe to read on this thread.
+  std::vector<std::string> runUntilFinished() {
+    std::future<void> done = finished.get_future();
+    for (int step = 0; !GetParam() && step < 100'000 && done.wait_for(std::chrono::seconds(0)) != std::future_status::ready; ++step) {
+      manual->advanceBy(0.001);
+    }
+    EXPECT_EQ(std::future_status::ready, done.wait_for(std::chrono::seconds(20)));
+    return journal;
   }
 
-  Journal journal;
+  std::vector<std::string> journal;  // the queue's work alone writes it
+  std::promise<void> finished;
   std::shared_ptr<TavloManualMainQueue> manual = std::make_shared<TavloManualMainQueue>(nullptr, test.logSink);
   std::shared_ptr<TavloMainQueue> queue = GetParam() ? std::shared_ptr<TavloMainQueue>(std::make_shared<TavloMainLoopQueue>()) : manual;
 };
@@ -64,14 +43,14 @@ TEST_P(TavloMainQueueContract, TasksRunInPostOrderAndOneThatThrowsIsReportedAndD
   for (int i = 0; i < 20; ++i) {
     expected.push_back(std::to_string(i));
     queue->post([&, i] {
-      journal.record(std::to_string(i));
+      journal.push_back(std::to_string(i));
       if (i == 5) throw std::runtime_error("disk on fire");
       if (i == 9) throw 7;
-      if (i == 19) queue->post([&] { journal.record("posted from a task"); });
+      if (i == 19) queue->post([&] { journal.push_back("posted from a task"), finished.set_value(); });
     });
   }
   expected.push_back("posted from a task");
-  EXPECT_EQ(expected, run(journal, 21));
+  EXPECT_EQ(expected, runUntilFinished());
   EXPECT_TRUE(test.logSink->contains("(ERROR) : A main queue task threw (disk on fire)"));
   EXPECT_TRUE(test.logSink->contains("(ERROR) : A main queue task threw an unknown exception"));
 }
@@ -79,14 +58,13 @@ TEST_P(TavloMainQueueContract, TasksRunInPostOrderAndOneThatThrowsIsReportedAndD
 TEST_P(TavloMainQueueContract, TimersFireByDeadlineAndCancelledOnesNeverEvenFromTheirOwnTask) {
   std::atomic<int> firings{0};
   TavloTimerID selfCancelling = 0;
-  arrange([&] {
-    queue->schedule(0.3, false, [&] { journal.record("late"); });
-    queue->schedule(0.01, false, [&] { journal.record("early"); });
-    queue->schedule(0.01, false, [&] { journal.record("early, armed later"); });
+  queue->post([&] {  // armed from one task: on the thread, none can fire before all are armed
+    queue->schedule(0.3, false, [&] { journal.push_back("late"), finished.set_value(); });
+    queue->schedule(0.01, false, [&] { journal.push_back("early"); });
+    queue->schedule(0.01, false, [&] { journal.push_back("early, armed later"); });
     queue->schedule(0.001, false, [] { throw std::logic_error("timer broke"); });
-    const TavloTimerID doomed = queue->schedule(0.02, false, [&] { journal.record("cancelled timer fired"); });
-    const TavloTimerID repeating = queue->schedule(0.001, true, [&] { journal.record("cancelled repeating timer fired"); });
-    EXPECT_NE(doomed, repeating);
+    const TavloTimerID doomed = queue->schedule(0.02, false, [&] { journal.push_back("cancelled timer fired"); });
+    const TavloTimerID repeating = queue->schedule(0.001, true, [&] { journal.push_back("cancelled repeating timer fired"); });
     queue->cancel(doomed);
     queue->cancel(repeating);
     // Had it survived its own cancel, this 1 ms timer would fire many times before "late".
@@ -94,7 +72,7 @@ TEST_P(TavloMainQueueContract, TimersFireByDeadlineAndCancelledOnesNeverEvenFrom
       if (++firings == 3) queue->cancel(selfCancelling);
     });
   });
-  EXPECT_EQ((std::vector<std::string>{"early", "early, armed later", "late"}), run(journal, 3));
+  EXPECT_EQ((std::vector<std::string>{"early", "early, armed later", "late"}), runUntilFinished());
   EXPECT_EQ(3, firings.load()) << "a timer cancelled by its own task must not fire again";
   EXPECT_TRUE(test.logSink->contains("(timer broke)"));
 }

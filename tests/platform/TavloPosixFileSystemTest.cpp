@@ -15,19 +15,10 @@ namespace {
 class TavloPosixFileSystemTest : public ::testing::Test {
  protected:
   ~TavloPosixFileSystemTest() override { ::umask(previousMask); }
+  std::string at(const std::string& name) { return directory.pathFor(name); }
   unsigned modeOf(const std::string& name) {
     struct stat status {};
-    return ::stat(directory.pathFor(name).c_str(), &status) == 0 ? status.st_mode & 07777 : 0xFFFFFFFF;
-  }
-  std::set<std::string> entries() {
-    std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(directory.path())) names.insert(entry.path().filename());
-    return names;
-  }
-  std::string contentsOf(const std::string& name) {
-    std::string contents;
-    EXPECT_FALSE(files.readFile(directory.pathFor(name), contents, 1 << 23)) << name;
-    return contents;
+    return ::stat(at(name).c_str(), &status) == 0 ? status.st_mode & 07777 : 0xFFFFFFFF;
   }
 
   const mode_t previousMask = ::umask(077);
@@ -36,29 +27,28 @@ class TavloPosixFileSystemTest : public ::testing::Test {
 };
 
 TEST_F(TavloPosixFileSystemTest, CreateDirectoriesGivesTheExactModeNarrowsTheFolderAskedForAndRefusesLinks) {
-  ASSERT_FALSE(files.createDirectories(directory.pathFor("a/b/c"), 0750));
+  ASSERT_FALSE(files.createDirectories(at("a/b/c"), 0750));
   EXPECT_EQ((std::vector<unsigned>{0750, 0750, 0750}), (std::vector<unsigned>{modeOf("a"), modeOf("a/b"), modeOf("a/b/c")}));
-  ::chmod(directory.pathFor("a/b").c_str(), 0777);
-  ASSERT_FALSE(files.createDirectories(directory.pathFor("a/b/c/"), 0700));
+  ::chmod(at("a/b").c_str(), 0777);
+  ASSERT_FALSE(files.createDirectories(at("a/b/c/"), 0700));
   EXPECT_EQ(0700u, modeOf("a/b/c")) << "the folder asked for is narrowed";
   EXPECT_EQ(0777u, modeOf("a/b")) << "its parents are left as they are";
   directory.writeFile("plain", "a file");
-  std::filesystem::create_directory_symlink(directory.pathFor("a"), directory.pathFor("link"));
-  const std::pair<std::string, std::errc> refused[] = {{directory.pathFor("plain/below"), std::errc::not_a_directory},
-                                                       {"", std::errc::invalid_argument},
-                                                       {directory.pathFor("link"), std::errc::too_many_symbolic_link_levels}};
+  std::filesystem::create_directory_symlink(at("a"), at("link"));
+  const std::pair<std::string, std::errc> refused[] = {
+      {at("plain/below"), std::errc::not_a_directory}, {"", std::errc::invalid_argument}, {at("link"), std::errc::too_many_symbolic_link_levels}};
   for (const auto& [path, expected] : refused) EXPECT_EQ(files.createDirectories(path, 0700), expected) << path;
 }
 
 TEST_F(TavloPosixFileSystemTest, ReadFileAnswersContentsOrARefusalAndNeverBlocks) {
   directory.writeFile("ten", "0123456789");
-  ASSERT_EQ(::mkfifo(directory.pathFor("fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
   const std::tuple<std::string, size_t, std::error_code, std::string> cases[] = {
-      {directory.pathFor("ten"), 10, {}, "0123456789"},
-      {directory.pathFor("ten"), 9, make_error_code(std::errc::file_too_large), ""},
-      {directory.pathFor("missing"), 100, make_error_code(std::errc::no_such_file_or_directory), ""},
-      {directory.pathFor("fifo"), 100, make_error_code(std::errc::invalid_argument), ""},  // nobody writes: must not block
-      {"/proc/self/status", 8, make_error_code(std::errc::file_too_large), ""},            // its size shows only when read
+      {at("ten"), 10, {}, "0123456789"},
+      {at("ten"), 9, make_error_code(std::errc::file_too_large), ""},
+      {at("missing"), 100, make_error_code(std::errc::no_such_file_or_directory), ""},
+      {at("fifo"), 100, make_error_code(std::errc::invalid_argument), ""},      // nobody writes: must not block
+      {"/proc/self/status", 8, make_error_code(std::errc::file_too_large), ""},  // its size shows only when read
   };
   for (const auto& [path, maxBytes, error, expected] : cases) {
     std::string contents = "stale";
@@ -68,31 +58,32 @@ TEST_F(TavloPosixFileSystemTest, ReadFileAnswersContentsOrARefusalAndNeverBlocks
 }
 
 TEST_F(TavloPosixFileSystemTest, WriteFileAtomicallyReplacesTheFileWholeWithTheExactModeOrLeavesItAlone) {
-  std::string large(3 * 1024 * 1024 + 7, '\0');
+  std::string large(3 * 1024 * 1024 + 7, '\0'), contents;
   for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 31 + 7);
   directory.writeFile("item", "open to all");
-  ::chmod(directory.pathFor("item").c_str(), 0666);
+  ::chmod(at("item").c_str(), 0666);
   for (const std::string& text : {large, std::string()}) {
-    ASSERT_FALSE(files.writeFileAtomically(directory.pathFor("item"), text, 0640));
-    EXPECT_TRUE(contentsOf("item") == text) << "the new " << text.size() << " bytes replace the old ones whole";
+    ASSERT_FALSE(files.writeFileAtomically(at("item"), text, 0640));
+    EXPECT_TRUE(!files.readFile(at("item"), contents, 1 << 23) && contents == text) << "the new " << text.size() << " bytes replace the old ones whole";
     EXPECT_EQ(0640u, modeOf("item"));
   }
-  ASSERT_EQ(0, ::mkdir(directory.pathFor("folder").c_str(), 0700));
-  const std::pair<std::string, std::errc> refused[] = {{directory.pathFor("missing/item"), std::errc::no_such_file_or_directory},
-                                                       {directory.pathFor("folder"), std::errc::is_a_directory},
-                                                       {directory.pathFor("item/"), std::errc::invalid_argument}};
+  ASSERT_EQ(0, ::mkdir(at("folder").c_str(), 0700));
+  const std::pair<std::string, std::errc> refused[] = {
+      {at("missing/item"), std::errc::no_such_file_or_directory}, {at("folder"), std::errc::is_a_directory}, {at("item/"), std::errc::invalid_argument}};
   for (const auto& [path, expected] : refused) EXPECT_EQ(files.writeFileAtomically(path, "new", 0600), expected) << path;
-  EXPECT_EQ(entries(), (std::set<std::string>{"item", "folder"})) << "no temporary file may stay behind";
+  std::set<std::string> entries;
+  for (const auto& entry : std::filesystem::directory_iterator(directory.path())) entries.insert(entry.path().filename());
+  EXPECT_EQ(entries, (std::set<std::string>{"item", "folder"})) << "no temporary file may stay behind";
 }
 
 TEST_F(TavloPosixFileSystemTest, NeitherTheLockNorAnAppendFollowsALinkPlantedAtItsName) {
   std::error_code error;
-  std::filesystem::create_symlink(directory.pathFor("target"), directory.pathFor("planted.lock"));
-  std::filesystem::create_symlink(directory.pathFor("target"), directory.pathFor("planted.sent"));
-  EXPECT_FALSE(files.tryLockFile(directory.pathFor("planted.lock"), error));
+  std::filesystem::create_symlink(at("target"), at("planted.lock"));
+  std::filesystem::create_symlink(at("target"), at("planted.sent"));
+  EXPECT_FALSE(files.tryLockFile(at("planted.lock"), error));
   EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
-  EXPECT_EQ(files.appendToFile(directory.pathFor("planted.sent"), "entry", 0600), std::errc::too_many_symbolic_link_levels);
-  EXPECT_FALSE(std::filesystem::exists(directory.pathFor("target"))) << "a link's target must not be created";
+  EXPECT_EQ(files.appendToFile(at("planted.sent"), "entry", 0600), std::errc::too_many_symbolic_link_levels);
+  EXPECT_FALSE(std::filesystem::exists(at("target"))) << "a link's target must not be created";
 }
 
 }  // namespace

@@ -35,36 +35,32 @@ TavloTestServerRequest recordOf(const httplib::Request& request) {
     if (!isBookkeepingHeader(name)) record.headers.emplace_back(name, value);
   }
   record.body = request.body;
-  record.remotePort = request.remote_port;
   return record;
 }
 
-// Sends `body` in pieces so the client cannot learn its length before the end.
-void setChunkedBody(httplib::Response& response, std::string body, const std::string& contentType) {
-  auto remaining = std::make_shared<std::string>(std::move(body));
-  auto sent = std::make_shared<std::size_t>(0);
-  response.set_chunked_content_provider(contentType, [remaining, sent](std::size_t, httplib::DataSink& sink) {
-    constexpr std::size_t piece = 64 * 1024;
-    if (*sent >= remaining->size()) {
-      sink.done();
-      return true;
-    }
-    const std::size_t length = std::min(piece, remaining->size() - *sent);
-    if (!sink.write(remaining->data() + *sent, length)) return false;
-    *sent += length;
-    return true;
-  });
+// The text of a "Date" header: "Tue, 14 Nov 2023 22:13:20 GMT".
+std::string httpDate(TavloDate date) {
+  // 0001-01-01 and 9999-12-31 23:59:59, the years a four-digit field can hold.
+  constexpr double earliest = -62135596800.0;
+  constexpr double latest = 253402300799.0;
+  const time_t seconds = (std::isfinite(date) && date >= earliest && date <= latest) ? static_cast<time_t>(std::floor(date)) : 0;
+  struct tm utc {};
+  gmtime_r(&seconds, &utc);
+  // Names written out rather than taken from strftime, which follows the locale.
+  static constexpr const char* weekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  char text[64];
+  std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", weekdays[utc.tm_wday], utc.tm_mday,
+                months[utc.tm_mon], utc.tm_year + 1900, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  return text;
 }
 
 void writeResponse(const TavloTestServerResponse& answer, httplib::Response& response) {
   response.status = answer.status;
-  if (answer.date) response.set_header("Date", TavloTestServer::httpDate(*answer.date));
+  if (answer.date) response.set_header("Date", httpDate(*answer.date));
   for (const auto& [name, value] : answer.headers) response.set_header(name, value);
-  if (answer.chunked) {
-    setChunkedBody(response, answer.body, answer.contentType);
-  } else {
-    response.set_content(answer.body, answer.contentType);
-  }
+  response.set_content(answer.body, "text/plain");
 }
 
 }  // namespace
@@ -113,9 +109,9 @@ void TavloTestServer::start(const Options& options) {
   server->Delete(".*", dispatch);
   server->Options(".*", dispatch);
 
-  listeningPort = server->bind_to_any_port("127.0.0.1");
-  if (listeningPort <= 0) throw std::runtime_error("the test server could not bind 127.0.0.1");
-  base = "http://127.0.0.1:" + std::to_string(listeningPort);
+  const int port = server->bind_to_any_port("127.0.0.1");
+  if (port <= 0) throw std::runtime_error("the test server could not bind 127.0.0.1");
+  base = "http://127.0.0.1:" + std::to_string(port);
 
   listener = std::thread([this] {
     server->listen_after_bind();
@@ -195,21 +191,4 @@ std::size_t TavloTestServer::requestCount() const {
 bool TavloTestServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(stateProtector);
   return requestArrived.wait_for(lock, timeout, [&] { return received.size() >= count; });
-}
-
-std::string TavloTestServer::httpDate(TavloDate date) {
-  // 0001-01-01 and 9999-12-31 23:59:59, the years a four-digit field can hold.
-  constexpr double earliest = -62135596800.0;
-  constexpr double latest = 253402300799.0;
-  const time_t seconds = (std::isfinite(date) && date >= earliest && date <= latest) ? static_cast<time_t>(std::floor(date)) : 0;
-  struct tm utc {};
-  gmtime_r(&seconds, &utc);
-  // Names written out rather than taken from strftime, which follows the locale.
-  static constexpr const char* weekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-  static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  char text[64];
-  std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", weekdays[utc.tm_wday], utc.tm_mday,
-                months[utc.tm_mon], utc.tm_year + 1900, utc.tm_hour, utc.tm_min, utc.tm_sec);
-  return text;
 }

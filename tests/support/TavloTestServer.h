@@ -35,8 +35,6 @@ struct TavloTestServerRequest {
   /// cpp-httplib 0.11 drops a header whose value is empty.
   TavloHttpHeaders headers;
   std::string body;
-  /// The client's port: requests that share it came over one connection.
-  int remotePort = 0;
 
   /// The first header of that name, compared without regard to case.
   std::optional<std::string> header(const std::string& name) const;
@@ -45,14 +43,12 @@ struct TavloTestServerRequest {
 /// What a handler answers.
 struct TavloTestServerResponse {
   int status = 200;
-  std::string body;
-  std::string contentType = "text/plain";
+  std::string body;  // sent as text/plain
   /// Sent as they are, after the ones cpp-httplib writes itself.
   TavloHttpHeaders headers;
-  /// Adds a "Date" header naming this moment (cpp-httplib sends none of its own).
+  /// Adds a "Date" header naming this moment (cpp-httplib sends none of its own), as RFC 1123
+  /// writes it in GMT, to the second; a date not finite or out of the years 1..9999 gives the epoch.
   std::optional<TavloDate> date;
-  /// Sends the body in chunks with no declared length, as a streaming server would.
-  bool chunked = false;
 
   /// A plain answer; the other fields keep their defaults.
   static TavloTestServerResponse with(int status, std::string body = {});
@@ -98,7 +94,6 @@ class TavloTestServer {
 
   /// "http://127.0.0.1:PORT", without a trailing slash.
   const std::string& baseURL() const { return base; }
-  int port() const { return listeningPort; }
 
   /// Answers requests whose raw path starts with `pathPrefix` ("" answers every path);
   /// replaces an earlier handler of the same prefix.
@@ -115,11 +110,6 @@ class TavloTestServer {
   /// Stops listening and waits for the handlers in progress. Idempotent.
   void stop();
 
-  /// `date` as an HTTP "Date" header writes it (RFC 1123, GMT):
-  /// "Tue, 14 Nov 2023 22:13:20 GMT". Fractions of a second are dropped; a date that
-  /// is not finite or out of the years 1..9999 gives the epoch.
-  static std::string httpDate(TavloDate date);
-
  private:
   void start(const Options& options);
   void serve(const TavloTestServerRequest& request, TavloTestServerResponse& response) const;
@@ -127,7 +117,6 @@ class TavloTestServer {
   std::unique_ptr<httplib::Server> server;
   std::thread listener;
   std::atomic<bool> listenerEnded{false};
-  int listeningPort = 0;
   std::string base;
 
   mutable std::mutex stateProtector;
