@@ -7,30 +7,17 @@
 
 namespace {
 
-class TavloAuthManagerIntegrationTest : public TavloLoggingTest {
- protected:
-  void SetUp() override {
-    TavloLoggingTest::SetUp();
-    test.platform.httpClient = std::make_shared<TavloCurlHttpClient>();
-    test.platform.endpoints = TavloEndpoints::allAt(server.baseURL());
-  }
-
-  TavloTestServer server;
-  const TavloTaggerID tagger{"123", TavloTaggerID::kAudiencePartialID, false};
-};
+using TavloAuthManagerIntegrationTest = TavloLoggingTest;
 
 // Every answer sets the clock delta, even one whose body is of no use; no answer at all
 // keeps the last one and gives the defaults.
 TEST_F(TavloAuthManagerIntegrationTest, AnswersFromTheServerOrLocalDefaultsAndTheClockDelta) {
+  TavloTestServer server;
+  test.platform.httpClient = std::make_shared<TavloCurlHttpClient>();
+  test.platform.endpoints = TavloEndpoints::allAt(server.baseURL());
   const TavloDate now = test.clock->now();
-  struct Case {
-    int status;
-    std::string body;
-    std::optional<TavloDate> date;
-    int32_t mode;
-    std::string host, cmsVI;
-  };
-  const Case cases[] = {
+  // The answer's status, body and Date; the access mode, host and visit made of it.
+  const std::tuple<int, std::string, std::optional<TavloDate>, int32_t, std::string, std::string> cases[] = {
       {200, "access=full|host=https://c.example/m/web/", now - 120, 0, server.baseURL() + "/m/web/123", "1"},
       {200, "access=\"restricted\"|host=\"https://c.example/m/web/\"|cmsVI=\"42\"", std::nullopt, 1,
        "https://c.example/m/web/123", "42"},
@@ -38,19 +25,20 @@ TEST_F(TavloAuthManagerIntegrationTest, AnswersFromTheServerOrLocalDefaultsAndTh
       {503, "junk|access=denied|host=http://h/|cmsVI=5|", now + 60, 2, "http://h/123", "5"},
   };
   TavloAuthManager manager(test.platform);
-  for (const Case& c : cases) {
+  const TavloTaggerID tagger{"123", TavloTaggerID::kAudiencePartialID, false};
+  for (const auto& [status, body, date, mode, host, cmsVI] : cases) {
     server.handle("/", [&](const TavloTestServerRequest&) {
-      TavloTestServerResponse response = TavloTestServerResponse::with(c.status, c.body);
-      response.date = c.date;
+      TavloTestServerResponse response = TavloTestServerResponse::with(status, body);
+      response.date = date;
       return response;
     });
     manager.clearCache();
     const auto auth = manager.authForTagger(tagger);
-    ASSERT_TRUE(auth && auth->currentAccess() && auth->currentSession()) << c.body;
-    EXPECT_EQ(c.mode, auth->currentAccess()->accessMode()) << c.body;
-    EXPECT_EQ(c.host, auth->currentAccess()->host()) << c.body;
-    EXPECT_EQ(c.cmsVI, auth->currentSession()->cmsVI()) << c.body;
-    EXPECT_NEAR(c.date.value_or(now) - now, manager.timeIntervalBetweenServerAndDevice(), 1.0) << c.body;
+    ASSERT_TRUE(auth && auth->currentAccess() && auth->currentSession()) << body;
+    EXPECT_EQ(mode, auth->currentAccess()->accessMode()) << body;
+    EXPECT_EQ(host, auth->currentAccess()->host()) << body;
+    EXPECT_EQ(cmsVI, auth->currentSession()->cmsVI()) << body;
+    EXPECT_NEAR(date.value_or(now) - now, manager.timeIntervalBetweenServerAndDevice(), 1.0) << body;
   }
 
   server.stop();

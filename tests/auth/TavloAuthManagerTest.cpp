@@ -1,6 +1,5 @@
-// The authorisation cache and its rules, over a scripted HTTP client. Real answers from a
-// real server are TavloAuthManagerIntegrationTest's; any answer at all is the
-// authorisation-answer fuzz target's (fuzz/TavloAuthAnswerFuzz.cpp).
+// The authorisation cache and its rules, over a scripted HTTP client. Real answers are the
+// integration test's; any answer at all is the fuzz target's (fuzz/TavloAuthAnswerFuzz.cpp).
 #include "auth/TavloAuthManager.h"
 #include "platform/TavloLogger.h"
 #include "support/TavloLoggingFixture.h"
@@ -30,39 +29,42 @@ class TavloAuthManagerTest : public TavloLoggingTest {
   const TavloTaggerID streaming{"123", 0, true};
 };
 
-TEST_F(TavloAuthManagerTest, AsksTheServerOnceThenAnswersFromTheCacheWithOneSharedAccess) {
-  http->enqueue(answer("restricted"));
+// One exchange per identity; every copy handed out shares the one access, so the first
+// hit's mark reaches them all. A renewal with the same mode keeps that access, host and
+// mark included: restricted access must not let a second audience hit through.
+TEST_F(TavloAuthManagerTest, AsksOnceAndKeepsOneSharedAccessUntilTheModeChanges) {
+  http->enqueue(answer("restricted", "https://first.example/"));
   const auto auth = manager->authForTagger(audience);
   ASSERT_TRUE(auth && auth->currentAccess());
-  ASSERT_EQ(1u, http->requestCount());
   const TavloHttpRequest sent = http->lastRequest();
   EXPECT_EQ("https://tavlo.example/123", sent.url);
   EXPECT_EQ((TavloHttpHeaders{{"User-Agent", "TestApp/1.2.3 Tavlo SDK v" TAVLO_VERSION_STRING " apple tv"}}),
             sent.headers);
   EXPECT_EQ(60, sent.timeoutSeconds);
-
   const auto again = manager->authForTagger(*audience.copy());
   EXPECT_EQ(1u, http->requestCount()) << "a cached answer is never asked for again";
   manager->hitSuccessfullySentForTagger(audience);
-  EXPECT_FALSE(auth->currentAccess()->canSendRequestFor(0)) << "the copy handed out earlier sees the mark at once";
-  EXPECT_TRUE(again->currentAccess()->canSendRequestFor(1));
+  EXPECT_FALSE(auth->currentAccess()->canSendRequestFor(0)) << "a copy handed out earlier sees the mark at once";
+
+  http->enqueue(answer("restricted", "https://second.example/"));
+  manager->authentificationInformationForTagger(audience);
+  EXPECT_EQ(again->currentAccess(), manager->authFromCacheForTagger(audience)->currentAccess());
+  http->enqueue(answer("full", "https://third.example/"));
+  manager->authentificationInformationForTagger(audience);
+  EXPECT_EQ("https://third.example/123", manager->authFromCacheForTagger(audience)->currentAccess()->host());
 }
 
-TEST_F(TavloAuthManagerTest, WithoutAnAnswerDefaultsAreCachedLikeAnyAnswer) {
-  http->enqueue(TavloScriptedHttpClient::noResponse());
-  const auto audienceAuth = manager->authForTagger(audience);
-  ASSERT_TRUE(audienceAuth && audienceAuth->currentAccess());
-  EXPECT_EQ(TavloAccessModeFull, audienceAuth->currentAccess()->accessMode());
-  EXPECT_EQ("https://second.example/m/web/123", audienceAuth->currentAccess()->host());
+// Defaults stand in for an answer and are cached like one; forgetting one identity or
+// clearing the cache leads to a new exchange, unless a first hit was marked before any.
+TEST_F(TavloAuthManagerTest, DefaultsAreCachedAndOnlyForgetAndClearAskAgain) {
+  http->setHandler([](const TavloHttpRequest&) { return TavloScriptedHttpClient::noResponse(); });
+  const auto defaults = manager->authForTagger(audience);
+  ASSERT_TRUE(defaults && defaults->currentAccess());
+  EXPECT_EQ(TavloAccessModeFull, defaults->currentAccess()->accessMode());
+  EXPECT_EQ("https://second.example/m/web/123", defaults->currentAccess()->host());
   manager->authForTagger(audience);
   EXPECT_EQ(1u, http->requestCount()) << "defaults held in memory do not trigger a new exchange";
   EXPECT_EQ("https://stream.example/m/web/123", manager->authForTagger(streaming)->currentAccess()->host());
-}
-
-TEST_F(TavloAuthManagerTest, ForgetAndClearLeadToANewExchangeUnlessAFirstHitWasMarked) {
-  http->setHandler([](const TavloHttpRequest&) { return answer("full"); });
-  manager->authForTagger(audience);
-  manager->authForTagger(streaming);
   manager->forgetAuthForTagger(audience);
   EXPECT_FALSE(manager->authFromCacheForTagger(audience));
   EXPECT_TRUE(manager->authFromCacheForTagger(streaming)) << "forgetting one identity keeps the others";
@@ -71,27 +73,8 @@ TEST_F(TavloAuthManagerTest, ForgetAndClearLeadToANewExchangeUnlessAFirstHitWasM
   manager->clearCache();
   manager->hitSuccessfullySentForTagger(streaming);
   const auto marked = manager->authForTagger(streaming);
-  ASSERT_TRUE(marked);
-  EXPECT_FALSE(marked->currentAccess()) << "a first hit marked before any exchange blocks the exchange";
+  EXPECT_TRUE(marked && !marked->currentAccess()) << "a first hit marked before any exchange blocks the exchange";
   EXPECT_EQ(3u, http->requestCount());
-}
-
-TEST_F(TavloAuthManagerTest, AnAnswerWithTheSameModeKeepsTheCachedAccess) {
-  http->enqueue(answer("restricted", "https://first.example/"));
-  manager->authForTagger(audience);
-  manager->hitSuccessfullySentForTagger(audience);
-
-  http->enqueue(answer("restricted", "https://second.example/"));
-  manager->authentificationInformationForTagger(audience);
-  auto kept = manager->authFromCacheForTagger(audience)->currentAccess();
-  EXPECT_EQ("https://first.example/123", kept->host()) << "the cached access wins, host included";
-  EXPECT_FALSE(kept->canSendRequestFor(0)) << "a renewal must not hand restricted access a second audience hit";
-
-  http->enqueue(answer("full", "https://third.example/"));
-  manager->authentificationInformationForTagger(audience);
-  auto replaced = manager->authFromCacheForTagger(audience)->currentAccess();
-  EXPECT_EQ("https://third.example/123", replaced->host());
-  EXPECT_FALSE(replaced->firstHitSuccessfullySent());
 }
 
 // The log lines users read, each on its line: the answer and the host chosen, or the
@@ -100,13 +83,8 @@ TEST_F(TavloAuthManagerTest, AnAnswerWithTheSameModeKeepsTheCachedAccess) {
 TEST_F(TavloAuthManagerTest, LogsTheAnswerAndTheHostAndFallsBackOnUnusableOnes) {
   TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeInfo);
   const std::string forged = "\n(ERROR) : forged";
-  struct Case {
-    std::string serial;
-    std::optional<std::string> host;  // in the answer; none: nothing is asked
-    std::vector<std::string> lines;
-  };
-  const Case cases[] = {
-      {"123", "https://c.example/m/web/",
+  const std::tuple<std::string, std::optional<std::string>, std::vector<std::string>> cases[] = {
+      {"123", "https://c.example/m/web/",  // the host in the answer; none: nothing is asked
        {"(INFO) : Access for serial 123 is denied on host https://c.example/m/web/",
         "(INFO) : Serial 123 on host https://c.example/m/web/123"}},
       {"123", "https://c.example/#f" + forged,
@@ -116,13 +94,13 @@ TEST_F(TavloAuthManagerTest, LogsTheAnswerAndTheHostAndFallsBackOnUnusableOnes) 
       {"S" + forged, std::nullopt,
        {"(INFO) : Serial S\\n(ERROR) : forged on host https://second.example/m/web/S\\n(ERROR) : forged"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& [serial, host, lines] : cases) {
     test.logSink->clear();
     const std::size_t asked = http->requestCount();
-    if (c.host) http->enqueue(answer("denied", *c.host));
-    manager->authForTagger(TavloTaggerID(c.serial, TavloTaggerID::kAudiencePartialID, false));
-    EXPECT_EQ(c.lines, test.logSink->lines()) << c.serial;
-    EXPECT_EQ(asked + (c.host ? 1 : 0), http->requestCount()) << c.serial;
+    if (host) http->enqueue(answer("denied", *host));
+    manager->authForTagger(TavloTaggerID(serial, TavloTaggerID::kAudiencePartialID, false));
+    EXPECT_EQ(lines, test.logSink->lines()) << serial;
+    EXPECT_EQ(asked + (host ? 1 : 0), http->requestCount()) << serial;
     manager->clearCache();
   }
 }
