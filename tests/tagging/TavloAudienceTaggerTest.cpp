@@ -1,7 +1,9 @@
 #include <future>
+#include <map>
 #include <thread>
 
 #include "identity/TavloTaggerID.h"
+#include "platform/TavloLogger.h"
 #include "support/TavloAgentFixture.h"
 #include "support/TavloFixedAdvertisingIdProvider.h"
 #include "support/TavloFixedDeviceInfo.h"
@@ -21,18 +23,16 @@ class TavloAudienceTaggerTest : public TavloAgentTest {
   std::shared_ptr<TavloAudienceTagger> tagger(TavloString serial = "123", TavloString customerData = std::nullopt) {
     return TavloAudienceTaggerOnAgent(agent, std::move(serial), std::move(customerData));
   }
-
-  std::shared_ptr<const TavloParameters> onlyQueued() {
-    settle();
-    const auto queue = agent->TEST_queue();
-    EXPECT_EQ(1u, queue.size());
-    return queue.empty() ? std::make_shared<const TavloParameters>() : queue.front()->parameters();
-  }
 };
 
-// The agent's defaults, the call's levels, then the tagger's customer data, free levels
-// and media; those cut at 256 UTF-16 units, level 1 never; empty values never sent.
+// The agent's defaults, the call's levels, then the tagger's customer data, free levels,
+// media and advertising identifier (upper case): those cut at 256 UTF-16 units, level 1
+// never, empty values never. Kind and mode show in TavloAudienceIntegrationTest's URL.
 TEST_F(TavloAudienceTaggerTest, AHitIsTheDefaultsThenTheLevelsOfTheCallAndOfTheTagger) {
+  test.platform.advertisingIdProvider =
+      std::make_shared<TavloFixedAdvertisingIdProvider>("6d92078a-8246-4ba4-ae5b-76104861e7dc");
+  startAgent();
+  goOffline();
   const std::string long300(300, 'x');
   auto t = tagger("123", "42");
   t->setNewLevel1("l1");
@@ -40,6 +40,7 @@ TEST_F(TavloAudienceTaggerTest, AHitIsTheDefaultsThenTheLevelsOfTheCallAndOfTheT
   t->setNewLevel2(long300);
   t->setMediaChannel(long300);
   t->setNetMeasurement("");
+  t->setUseIDFA(true);
   t->sendHitWithLevel1(long300, "p2", "", std::nullopt);
   settle();
   ASSERT_EQ(1u, agent->TEST_queue().size());
@@ -48,33 +49,14 @@ TEST_F(TavloAudienceTaggerTest, AHitIsTheDefaultsThenTheLevelsOfTheCallAndOfTheT
   expected["n"] = request->parameters()->at("n");  // the hit's own number
   for (const auto& [key, value] : TavloParameters{{"c", long300}, {"p", "p2"}, {"crmid", "42"}, {"ml1", "l1"},
                                                    {"ml2", std::string(256, 'x')}, {"ml11", "l11"},
-                                                   {"msCh", std::string(256, 'x')}}) {
+                                                   {"msCh", std::string(256, 'x')},
+                                                   {"did", "6D92078A-8246-4BA4-AE5B-76104861E7DC"}}) {
     expected[key] = value;
   }
   EXPECT_EQ(expected, *request->parameters());
-  EXPECT_EQ(TavloRequestTypeAudience, request->requestType());
-  EXPECT_EQ(TavloSendingModeLive, request->sendingMode());
   EXPECT_EQ("123", request->serial());
   EXPECT_TRUE(request->taggerID()->isEqual(TavloTaggerID("123", TavloTaggerID::kAudiencePartialID, false)));
   EXPECT_EQ(test.clock->now(), request->creationDate());
-}
-
-TEST_F(TavloAudienceTaggerTest, TheAdvertisingIdentifierIsSentOnlyWhenAskedAndAvailable) {
-  const std::string uuid = "6d92078a-8246-4ba4-ae5b-76104861e7dc";
-  const std::tuple<bool, TavloString, TavloString> cases[] = {
-      {false, uuid, std::nullopt}, {true, uuid, "6D92078A-8246-4BA4-AE5B-76104861E7DC"},
-      {true, "", std::nullopt},    {true, std::nullopt, std::nullopt},
-  };
-  for (const auto& [useIDFA, provided, did] : cases) {
-    test.platform.advertisingIdProvider = std::make_shared<TavloFixedAdvertisingIdProvider>(provided);
-    startAgent();
-    goOffline();
-    auto t = tagger();
-    t->setUseIDFA(useIDFA);
-    t->sendHitWithLevel1("x");
-    const auto parameters = onlyQueued();
-    EXPECT_EQ(did, parameters->count("did") ? TavloString(parameters->at("did")) : TavloString()) << useIDFA;
-  }
 }
 
 // The agent makes the dictionary on its own thread, later: what the hit carries must
@@ -82,6 +64,7 @@ TEST_F(TavloAudienceTaggerTest, TheAdvertisingIdentifierIsSentOnlyWhenAskedAndAv
 TEST_F(TavloAudienceTaggerTest, AHitCarriesWhatTheTaggerHeldWhenItWasSentNotWhenItIsMade) {
   // Holds the agent's handler inside the first hit's making until the test lets it go.
   struct GatedDeviceInfo : TavloFixedDeviceInfo {
+    explicit GatedDeviceInfo(std::shared_future<void> open) : open(std::move(open)) {}
     std::shared_future<void> open;
     std::optional<TavloScreen> mainScreen() override {
       open.wait();
@@ -89,9 +72,8 @@ TEST_F(TavloAudienceTaggerTest, AHitCarriesWhatTheTaggerHeldWhenItWasSentNotWhen
     }
   };
   std::promise<void> gate;
-  auto deviceInfo = std::make_shared<GatedDeviceInfo>();
-  deviceInfo->open = gate.get_future().share();
-  test.platform.deviceInfo = deviceInfo;
+  test.platform.deviceInfo = std::make_shared<GatedDeviceInfo>(gate.get_future().share());
+  test.platform.advertisingIdProvider = std::make_shared<TavloFixedAdvertisingIdProvider>("an-id");
   startAgent();
   goOffline();
 
@@ -104,12 +86,13 @@ TEST_F(TavloAudienceTaggerTest, AHitCarriesWhatTheTaggerHeldWhenItWasSentNotWhen
   t->setNewLevel2("now");
   t->setUseIDFA(true);
   gate.set_value();
-
-  const auto parameters = onlyQueued();
-  for (const auto& [key, value] : TavloParameters{{"c", "home"}, {"p", "then"}, {"ml1", "then"}, {"msCh", "then"}}) {
+  settle();
+  ASSERT_EQ(1u, agent->TEST_queue().size());
+  const auto parameters = agent->TEST_queue().front()->parameters();
+  for (const auto& [key, value] : std::map<std::string, std::string>{
+           {"c", "home"}, {"p", "then"}, {"ml1", "then"}, {"msCh", "then"}, {"ml2", "(absent)"}, {"did", "(absent)"}}) {
     EXPECT_EQ(value, parameters->count(key) ? parameters->at(key) : "(absent)") << key;
   }
-  for (const char* absent : {"ml2", "did"}) EXPECT_EQ(0u, parameters->count(absent)) << absent;
 }
 
 // Refused hits never reach the queue: silently under a cached refusal; with an error line
@@ -117,16 +100,13 @@ TEST_F(TavloAudienceTaggerTest, AHitCarriesWhatTheTaggerHeldWhenItWasSentNotWhen
 // addresses, each on its own line.
 TEST_F(TavloAudienceTaggerTest, RefusedHitsNeverReachTheQueue) {
   auto t = tagger();
-  for (int32_t mode : {TavloAccessModeDenied, TavloAccessModeRestricted}) {
-    auto access = TavloAccess::TavloAccessWithSerial("123", mode, "http://c.test/m/web/");
-    access->hitSuccessfullySent();
-    agent->authManager()->setAuthToCache(TavloAuth::TavloAuthWithSession(nullptr, access, false), *TavloTaggerIDOf(*t));
-    test.logSink->clear();
-    t->sendHitWithLevel1("dropped");
-    settle();
-    EXPECT_TRUE(agent->TEST_queue().empty()) << "mode " << mode;
-    EXPECT_TRUE(test.logSink->lines().empty()) << "mode " << mode;
-  }
+  auto access = TavloAccess::TavloAccessWithSerial("123", TavloAccessModeRestricted, "http://c.test/m/web/");
+  access->hitSuccessfullySent();  // a restricted access's one audience hit is spent
+  agent->authManager()->setAuthToCache(TavloAuth::TavloAuthWithSession(nullptr, access, false), *TavloTaggerIDOf(*t));
+  test.logSink->clear();
+  t->sendHitWithLevel1("dropped");
+  settle();
+  EXPECT_TRUE(agent->TEST_queue().empty() && test.logSink->lines().empty());
   const char* noSerial = "(ERROR) : TavloAudienceTagger - Hit dropped: this tagger has no serial";
   const std::tuple<TavloString, std::string, size_t> cases[] = {
       {std::nullopt, noSerial, 2}, {"", noSerial, 2},
@@ -142,6 +122,18 @@ TEST_F(TavloAudienceTaggerTest, RefusedHitsNeverReachTheQueue) {
     EXPECT_EQ(lines, test.logSink->count(line));
     EXPECT_EQ(lines, test.logSink->count("(ERROR)")) << line << ": none but these, each on its own line";
   }
+}
+
+// The threshold is the process's: the last tagger set decides what every tagger prints,
+// and making a tagger leaves it as the application set it.
+TEST_F(TavloAudienceTaggerTest, TheLastTaggerSetDecidesWhatAllPrintAndMakingOneChangesNothing) {
+  TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeWarning);
+  const auto first = tagger("a");
+  EXPECT_EQ(TavloLoggingModeWarning, TavloLogger::sharedLogger().loggingMode());
+  tagger("b")->setLoggingMode(TavloLoggingModeInfo);
+  first->setLoggingMode(3);  // above every level
+  TavloLogger::log("error line", TavloLoggingModeError);
+  EXPECT_FALSE(test.logSink->contains("error line"));
 }
 
 // Eight threads ask for the same tagger at once and send through it: one tagger, and the

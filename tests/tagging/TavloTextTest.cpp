@@ -3,6 +3,7 @@
 
 #include <tuple>
 
+#include "util/TavloStringHash.h"
 #include "util/TavloText.h"
 
 namespace {
@@ -20,6 +21,13 @@ TEST(TavloText, UTF16LengthAndPrefixCountCodeUnits) {
     EXPECT_EQ(length, TavloUTF16Length(text)) << text;
     EXPECT_EQ(prefix, TavloUTF16Prefix(text, cut)) << text << " cut at " << cut;
   }
+}
+
+// The journal of sent hits names its queue file by this hash: a hash that changed between
+// versions would make every journal look foreign after an upgrade, and its hits be sent again.
+TEST(TavloStringHash, IsFnv1aAndStableAcrossVersions) {
+  EXPECT_EQ(14695981039346656037ULL, TavloStringHash(std::string_view("")));
+  EXPECT_EQ(0xaf63dc4c8601ec8cULL, TavloStringHash(std::string_view("a")));
 }
 
 }  // namespace
