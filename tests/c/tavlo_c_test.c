@@ -1,8 +1,7 @@
 /* The C interface as a C program sees it: only tavlo.h, only the shared library, C11. A
    collector of its own on 127.0.0.1 takes the hits, whose queries show what the C calls
-   set. The library's log, queue file and device identifier go to a private folder.
-   Prints each failed check, then "N passed, M failed"; exits 1 when any failed. */
-#define _POSIX_C_SOURCE 200809L
+   set; the library's files go to a private folder. Prints each failed check, then
+   "N passed, M failed"; exits 1 when any failed. */
 #define _XOPEN_SOURCE 700
 
 #include <fcntl.h>
@@ -18,8 +17,7 @@
 
 #include "tavlo/tavlo.h"
 
-static int passed;
-static int failed;
+static int passed, failed;
 
 #define CHECK(condition) check((condition) ? 1 : 0, #condition, __LINE__)
 
@@ -35,8 +33,6 @@ static int is(char* returned, const char* expected) {
   tavlo_free(returned);
   return same;
 }
-
-static char log_path[64]; /* the library's log: standard error goes there */
 
 /* The collector answers hits (/m/web/...) "OK" and anything else, the authorisation, with
    full access at itself. It keeps each request's head with the query between '&'s:
@@ -84,23 +80,15 @@ static int hits_of(const char* serial, const char* found[], int most) {
   return count;
 }
 
-/* Whether `head` holds each of `texts`, or with `present` 0, none of them. */
-static int has(const char* head, int present, const char* const texts[]) {
-  for (; *texts != NULL; ++texts) {
-    if ((strstr(head, *texts) != NULL) != present) return 0;
-  }
+/* Whether `head` holds each of `texts`. */
+static int has(const char* head, const char* const texts[]) {
+  for (; *texts != NULL; ++texts) if (strstr(head, *texts) == NULL) return 0;
   return 1;
 }
-#define HAS(head, ...) has(head, 1, (const char* const[]){__VA_ARGS__, NULL})
-#define LACKS(head, ...) has(head, 0, (const char* const[]){__VA_ARGS__, NULL})
+#define HAS(head, ...) has(head, (const char* const[]){__VA_ARGS__, NULL})
 
-/* A player a streaming tagger asks for positions, on the notifying thread and on the
-   library's own, hence the lock. */
-struct player {
-  pthread_mutex_t lock;
-  int64_t position;
-  int calls, releases;
-};
+/* Asked for positions on the notifying thread and on the library's own: hence the lock. */
+struct player { pthread_mutex_t lock; int64_t position; int calls, releases; };
 #define PLAYER(position) {PTHREAD_MUTEX_INITIALIZER, position, 0, 0}
 
 static uint8_t player_position(void* user_data, int64_t* position) {
@@ -119,7 +107,6 @@ static void player_release(void* user_data) { ++((struct player*)user_data)->rel
 static void test_platform(void) {
   const char* urls[] = {NULL,         "",          "ftp://h",        "http://",    "http:///path",   "https:",
                         "http://a b", "http://h\n", "127.0.0.1:8080", "http://h\"", "http://h/\x7f", "//h"};
-  const char* applications[][2] = {{"Bad\r\nX-Injected: 1", "1"}, {"App", "1\n"}, {"App\x7f", NULL}};
   tavlo_platform_t* platform = tavlo_platform_create();
   char url[80];
   size_t i;
@@ -127,25 +114,19 @@ static void test_platform(void) {
   CHECK(tavlo_platform_set_endpoints_base_url(platform, url) == 1);
   CHECK(tavlo_platform_set_application(platform, "TavloCTest", "1.0") == 1);
   for (i = 0; i < sizeof urls / sizeof urls[0]; ++i) CHECK(tavlo_platform_set_endpoints_base_url(platform, urls[i]) == 0);
-  for (i = 0; i < sizeof applications / sizeof applications[0]; ++i) {
-    CHECK(tavlo_platform_set_application(platform, applications[i][0], applications[i][1]) == 0);
-  }
+  CHECK(tavlo_platform_set_application(platform, "App", "1\r\nX-Injected: 1") == 0); /* into the User-Agent */
   CHECK(tavlo_platform_install(platform) == 1);
   CHECK(tavlo_platform_install(platform) == 1); /* still before the first tagger */
   tavlo_platform_destroy(platform);             /* installing copied it */
 }
 
 /* Every function given NULL answers its neutral value and logs an error line that names
-   it; a position callback's release runs at once. */
+   it (the log is emptied after each); a position callback's release runs at once. */
 static void null_given(int neutral, const char* function, int line) {
   char expected[128], logged[4096] = "";
-  FILE* log = fopen(log_path, "r");
-  if (log != NULL) {
-    logged[fread(logged, 1, sizeof logged - 1, log)] = '\0';
-    fclose(log);
-  }
+  const ssize_t got = pread(STDERR_FILENO, logged, sizeof logged - 1, 0);
   snprintf(expected, sizeof expected, "%s - No ", function);
-  check(neutral && strstr(logged, expected) != NULL && ftruncate(STDERR_FILENO, 0) == 0, function, line);
+  check(neutral && got > 0 && strstr(logged, expected) != NULL && ftruncate(STDERR_FILENO, 0) == 0, function, line);
 }
 #define GIVES(neutral, function, ...) null_given((function(__VA_ARGS__)) == (neutral), #function, __LINE__)
 #define DOES_NOTHING(function, ...) (function(__VA_ARGS__), null_given(1, #function, __LINE__))
@@ -154,7 +135,6 @@ static void null_given(int neutral, const char* function, int line) {
 
 static void test_null_handles(void) {
   struct player player = PLAYER(0);
-  const int64_t mode = tavlo_logging_mode();
   CHECK(ftruncate(STDERR_FILENO, 0) == 0);
   GIVES(0, tavlo_platform_set_application, NULL, "a", "1");
   GIVES(0, tavlo_platform_set_endpoints_base_url, NULL, "http://h");
@@ -164,13 +144,9 @@ static void test_null_handles(void) {
   GIVES(0, tavlo_tagger_can_send, NULL);
   GIVES(NULL, tavlo_tagger_level, NULL, 1);
   GIVES(0, tavlo_tagger_set_level, NULL, 1, "x");
-  PROPERTY(NULL, tavlo_tagger_, media_content_id, "x");
-  PROPERTY(NULL, tavlo_tagger_, media_diff_mode, "x");
-  PROPERTY(NULL, tavlo_tagger_, media_channel, "x");
-  PROPERTY(NULL, tavlo_tagger_, net_measurement, "x");
+  PROPERTY(NULL, tavlo_tagger_, media_content_id, "x"); /* one of each family made by one macro */
   PROPERTY(0, tavlo_tagger_, use_idfa, 1);
   PROPERTY(-1, tavlo_tagger_, logging_mode, tavlo_logging_none);
-  CHECK(tavlo_logging_mode() == mode);
   GIVES(NULL, tavlo_audience_tagger_as_tagger, NULL);
   DOES_NOTHING(tavlo_audience_tagger_send_hit, NULL, "a", "b", "c", "d");
   GIVES(0, tavlo_streaming_config_set_level, NULL, 1, "x");
@@ -187,53 +163,37 @@ static void test_null_handles(void) {
   GIVES(-1, tavlo_streaming_tagger_streaming_type, NULL);
   GIVES(NULL, tavlo_streaming_tagger_level, NULL, 1);
   PROPERTY(NULL, tavlo_streaming_tagger_, media_name, "x");
-  PROPERTY(NULL, tavlo_streaming_tagger_, media_url, "x");
-  PROPERTY(NULL, tavlo_streaming_tagger_, media_genre, "x");
-  PROPERTY(NULL, tavlo_streaming_tagger_, media_provider, "x");
   PROPERTY(0, tavlo_streaming_tagger_, media_volume, 1);
-  PROPERTY(0, tavlo_streaming_tagger_, media_length, 1);
-  tavlo_audience_tagger_release(NULL); /* these, like free(), take NULL silently */
-  tavlo_streaming_tagger_release(NULL);
-  tavlo_platform_destroy(NULL);
-  tavlo_free(NULL);
+  tavlo_streaming_tagger_release(NULL); /* like free(), silently */
   CHECK(lseek(STDERR_FILENO, 0, SEEK_END) == 0 && tavlo_pending_hit_count() == 0);
 }
 
 static void test_audience_tagger(void) {
-  const int refused[] = {0, 12, -1, INT_MIN, INT_MAX};
   tavlo_audience_tagger_t* first = tavlo_audience_tagger_with_serial("c-audience", "viewer-7");
   tavlo_audience_tagger_t* second = tavlo_audience_tagger_with_serial("c-audience", "viewer-7");
   tavlo_tagger_t* tagger = tavlo_audience_tagger_as_tagger(first);
   tavlo_platform_t* late = tavlo_platform_create();
   const char* hits[3] = {"", "", ""}; /* "" for hits that never came */
   char value[16];
-  char* copies[2];
   int level;
-  size_t i;
 
   CHECK(tavlo_platform_install(late) == 0); /* the library has started: too late */
   tavlo_platform_destroy(late);
   CHECK(first != second && is(tavlo_tagger_serial(tagger), "c-audience") &&
         is(tavlo_tagger_customer_data(tagger), "viewer-7"));
-  tavlo_tagger_set_level(tagger, 10, "");
-  CHECK(is(tavlo_tagger_level(tagger, 10), "")); /* empty is a value, not NULL */
-  tavlo_tagger_set_level(tagger, 10, NULL);
-  CHECK(is(tavlo_tagger_level(tagger, 10), NULL));
+  CHECK(tavlo_tagger_set_level(tagger, 10, "") == 1 && is(tavlo_tagger_level(tagger, 10), "")); /* a value */
+  CHECK(tavlo_tagger_set_level(tagger, 10, NULL) == 1 && is(tavlo_tagger_level(tagger, 10), NULL));
   for (level = 1; level <= 11; ++level) { /* one buffer for all: each value is copied */
     snprintf(value, sizeof value, "L%d", level);
     CHECK(tavlo_tagger_set_level(tagger, level, value) == 1);
   }
-  for (i = 0; i < sizeof refused / sizeof refused[0]; ++i) {
-    CHECK(tavlo_tagger_set_level(tagger, refused[i], "intruder") == 0 && tavlo_tagger_level(tagger, refused[i]) == NULL);
-  }
+  CHECK(tavlo_tagger_set_level(tagger, 0, "x") == 0 && tavlo_tagger_set_level(tagger, 12, "x") == 0);
+  CHECK(tavlo_tagger_level(tagger, INT_MIN) == NULL && tavlo_tagger_level(tagger, 12) == NULL);
   tavlo_tagger_set_media_content_id(tagger, "D1");
   tavlo_tagger_set_media_diff_mode(tagger, "D2");
   tavlo_tagger_set_media_channel(tagger, "D3");
   tavlo_tagger_set_net_measurement(tagger, "D4");
-  copies[0] = tavlo_tagger_media_channel(tagger);
-  copies[1] = tavlo_tagger_media_channel(tagger);
-  CHECK(copies[0] != copies[1]); /* every answer is the caller's own copy */
-  CHECK(is(copies[0], "D3") && is(copies[1], "D3"));
+  CHECK(is(tavlo_tagger_media_channel(tagger), "D3"));
   tavlo_tagger_set_use_idfa(tagger, 2); /* any non-zero is true */
   CHECK(tavlo_tagger_use_idfa(tagger) == 1);
   tavlo_tagger_set_logging_mode(tagger, INT64_MAX); /* a tagger's mode is the process's, all 64 bits */
@@ -247,18 +207,16 @@ static void test_audience_tagger(void) {
   CHECK(hits_of("c-audience", hits, 3) == 2);
   CHECK(HAS(hits[0], "&c=home&", "&p=page&", "&l3=third&", "&l4=fourth&", "&crmid=viewer-7&"));
   CHECK(HAS(hits[0], "&msCid=D1&", "&msDm=D2&", "&msCh=D3&", "&miCh=D4&", "&ml1=L1&", "&ml2=L2&", "&ml3=L3&"));
-  CHECK(HAS(hits[0], "&ml4=L4&", "&ml5=L5&", "&ml6=L6&", "&ml7=L7&", "&ml8=L8&", "&ml9=L9&", "&ml10=L10&"));
-  CHECK(HAS(hits[0], "&ml11=L11&"));
-  CHECK(HAS(hits[1], "&c=films&", "&l4=%C3%A9&") && LACKS(hits[1], "&p=", "&l3="));
+  CHECK(HAS(hits[0], "&ml4=L4&", "&ml5=L5&", "&ml6=L6&", "&ml7=L7&", "&ml8=L8&", "&ml9=L9&", "&ml10=L10&", "&ml11=L11&"));
+  CHECK(HAS(hits[1], "&c=films&", "&l4=%C3%A9&") && !strstr(hits[1], "&p=") && !strstr(hits[1], "&l3="));
   CHECK(HAS(hits[0], "\r\nUser-Agent: TavloCTest/1.0 Tavlo SDK v" TAVLO_EXPECTED_VERSION " "));
 }
 
 static void configure_medium(void* user_data, tavlo_streaming_config_t* config) {
-  const int refused[] = {0, 6, -1, INT_MIN};
   const char* levels[] = {"S1", "S2", "S3", "S4", "S5"};
   int i;
   ++*(int*)user_data;
-  for (i = 0; i < 4; ++i) CHECK(tavlo_streaming_config_set_level(config, refused[i], "intruder") == 0);
+  CHECK(tavlo_streaming_config_set_level(config, 0, "x") == 0 && tavlo_streaming_config_set_level(config, 6, "x") == 0);
   for (i = 1; i <= 5; ++i) CHECK(tavlo_streaming_config_set_level(config, i, levels[i - 1]) == 1);
   tavlo_streaming_config_set_media_genre(config, "drama");
   tavlo_streaming_config_set_media_provider(config, "provider");
@@ -278,16 +236,10 @@ static void test_streaming_tagger(void) {
 
   CHECK(configured == 1 && tavlo_tagger_can_send(tavlo_streaming_tagger_as_tagger(streaming)) == 1);
   CHECK(is(tavlo_streaming_tagger_level(streaming, 1), "S1") && is(tavlo_streaming_tagger_level(streaming, 6), NULL));
-  CHECK(is(tavlo_streaming_tagger_media_genre(streaming), "drama") && is(tavlo_streaming_tagger_media_url(streaming), "u"));
-  CHECK(is(tavlo_streaming_tagger_media_provider(streaming), "provider") &&
-        is(tavlo_streaming_tagger_media_name(streaming), "film"));
+  CHECK(is(tavlo_streaming_tagger_media_name(streaming), "film"));
   CHECK(tavlo_streaming_tagger_media_volume(streaming) == 80 && tavlo_streaming_tagger_media_length(streaming) == 5400);
   tavlo_streaming_tagger_set_media_name(streaming, "renamed");
-  tavlo_streaming_tagger_set_media_url(streaming, "film2");
-  tavlo_streaming_tagger_set_media_genre(streaming, NULL);
-  tavlo_streaming_tagger_set_media_provider(streaming, "dom2");
   tavlo_streaming_tagger_set_media_volume(streaming, 60);
-  tavlo_streaming_tagger_set_media_length(streaming, -1);
 
   for (i = 0; i < sizeof modes / sizeof modes[0]; ++i) {
     CHECK(tavlo_streaming_tagger_set_sending_mode(streaming, modes[i][0]) == modes[i][1]);
@@ -307,9 +259,9 @@ static void test_streaming_tagger(void) {
   CHECK(player.releases == 1 && player.calls >= 1); /* the release follows the last call */
   CHECK(replaced.releases == 1 && cleared.releases == 1 && replaced.calls + unreleased.calls + cleared.calls == 0);
   CHECK(hits_of("c-stream", hits, 2) == 1);
-  CHECK(HAS(hits[0], "&cmsPS=5&", "&cmsPO=42&", "&crmid=viewer-9&", "&cmsSN=renamed&", "&cmsME=film2&"));
-  CHECK(HAS(hits[0], "&cmsS3=S1&", "&cmsS2=S2&", "&cmsS1=S3&", "&cmsS4=S4&", "&cmsS5=S5&", "&dom=dom2&"));
-  CHECK(HAS(hits[0], "&cmsSD=60&", "&cmsDU=-1&") && LACKS(hits[0], "&cmsGR="));
+  CHECK(HAS(hits[0], "&cmsPS=5&", "&cmsPO=42&", "&crmid=viewer-9&", "&cmsSN=renamed&", "&cmsME=u&"));
+  CHECK(HAS(hits[0], "&cmsS3=S1&", "&cmsS2=S2&", "&cmsS1=S3&", "&cmsS4=S4&", "&cmsS5=S5&", "&dom=provider&"));
+  CHECK(HAS(hits[0], "&cmsSD=60&", "&cmsDU=5400&", "&cmsGR=drama&"));
 
   /* A blank medium: a tagger that never configures, sends nor takes a mode. */
   streaming = tavlo_streaming_tagger_with_serial("c-blank", "  ", 0, NULL, 0, tavlo_streaming_type_no_position,
@@ -319,39 +271,35 @@ static void test_streaming_tagger(void) {
 }
 
 static int remove_entry(const char* path, const struct stat* status, int type, struct FTW* where) {
-  (void)status;
-  (void)type;
-  (void)where;
+  (void)status, (void)type, (void)where;
   return remove(path);
 }
 
 int main(void) {
   char home[] = "/tmp/tavlo-c-test-XXXXXX";
-  struct sockaddr_in address = {.sin_family = AF_INET};
+  char log_path[64]; /* the library's log: standard error goes there */
+  struct sockaddr_in address = {.sin_family = AF_INET, .sin_addr.s_addr = htonl(INADDR_LOOPBACK)};
   socklen_t length = sizeof address;
   pthread_t collector;
   int log;
 
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   listener = socket(AF_INET, SOCK_STREAM, 0);
   if (mkdtemp(home) == NULL || setenv("XDG_DATA_HOME", home, 1) != 0 || setenv("no_proxy", "127.0.0.1", 1) != 0 ||
       bind(listener, (struct sockaddr*)&address, sizeof address) != 0 || listen(listener, 8) != 0 ||
       getsockname(listener, (struct sockaddr*)&address, &length) != 0 ||
       snprintf(base_url, sizeof base_url, "http://127.0.0.1:%d", ntohs(address.sin_port)) < 0 ||
       pthread_create(&collector, NULL, collect, NULL) != 0 || snprintf(log_path, sizeof log_path, "%s/log", home) < 0 ||
-      (log = open(log_path, O_WRONLY | O_CREAT | O_APPEND, 0600)) < 0 || dup2(log, STDERR_FILENO) < 0) {
+      (log = open(log_path, O_RDWR | O_CREAT | O_APPEND, 0600)) < 0 || dup2(log, STDERR_FILENO) < 0) {
     perror("tavlo_c_test: no private folder, log file or collector");
     return 1;
   }
 
   CHECK(strcmp(tavlo_version(), TAVLO_EXPECTED_VERSION) == 0); /* project()'s version, from CMake */
-  CHECK(tavlo_version() == tavlo_version());                  /* static, never freed */
   test_platform();
   test_null_handles();
   test_audience_tagger();
   test_streaming_tagger();
 
-  tavlo_application_will_enter_foreground();
   tavlo_shutdown();
   tavlo_shutdown(); /* idempotent */
 
