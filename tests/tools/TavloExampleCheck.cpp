@@ -1,9 +1,6 @@
 // tavlo_example_check EXAMPLE_BINARY [HIT_COUNT USER_AGENT]: runs an example against an
 // in-process server. Its hits (by default the audience example's 3) must carry its customer
 // data and user agent, and those with a rank ("cmsRK", streaming hits) arrive ranked 1, 2, ...
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -12,13 +9,8 @@
 #include "support/TavloTestServer.h"
 #include "tavlo/TavloVersion.h"
 
-extern char** environ;
-
 int main(int argc, char** argv) {
-  if (argc != 2 && argc != 4) {
-    std::fprintf(stderr, "usage: %s EXAMPLE_BINARY [HIT_COUNT USER_AGENT]\n", argv[0]);
-    return 2;
-  }
+  if (argc != 2 && argc != 4) return 2;
   const int expectedHits = argc == 4 ? std::atoi(argv[2]) : 3;
   const std::string userAgent =
       argc == 4 ? argv[3] : std::string("TavloAudienceExample/1.0 Tavlo SDK v") + TavloVersionString + " apple tv";
@@ -30,12 +22,7 @@ int main(int argc, char** argv) {
   });
   server.respond("/m/web/", 200, "OK");
 
-  std::string base = server.baseURL();
-  char* arguments[] = {argv[1], base.data(), nullptr};
-  pid_t child = 0;
-  int status = 0;
-  if (posix_spawn(&child, argv[1], nullptr, nullptr, arguments, environ) != 0 || waitpid(child, &status, 0) < 0 ||
-      !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+  if (std::system(("'" + std::string(argv[1]) + "' " + server.baseURL()).c_str()) != 0) {
     std::fprintf(stderr, "FAIL: %s did not start, or did not report its hits sent\n", argv[1]);
     return 1;
   }
@@ -50,10 +37,6 @@ int main(int argc, char** argv) {
     }
     ++hits;
   }
-  if (hits != expectedHits) {
-    std::fprintf(stderr, "FAIL: %d hits arrived, %d expected\n", hits, expectedHits);
-    return 1;
-  }
-  std::printf("the example's %d hits arrived\n", hits);
-  return 0;
+  std::printf("%d of the %d hits expected arrived\n", hits, expectedHits);
+  return hits == expectedHits ? 0 : 1;
 }

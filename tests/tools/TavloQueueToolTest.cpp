@@ -28,9 +28,7 @@ TEST(TavloQueueToolText, EscapesEveryStringForJsonAndForTerminals) {
       {"\0\x1f\x7f\x1b[2J"s, R"("\u0000\u001F\u007F\u001B[2J")", R"("\u0000\u001F\u007F\u001B[2J")"},
       {"caf\xC3\xA9 \xF0\x9F\x93\xBA", "\"caf\xC3\xA9 \xF0\x9F\x93\xBA\"", "\"caf\xC3\xA9 \xF0\x9F\x93\xBA\""},
       {"\xE2\x80\xAE", R"("\u202E")", R"("\u202E")"},      // reverses the rest of a terminal's line
-      {"a\x80z\xFF", R"("a\uFFFDz\uFFFD")", R"("a\x80z\xFF")"},
-      {"\xC0\xAF\xED\xA0\x80", R"("\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD")", R"("\xC0\xAF\xED\xA0\x80")"},  // overlong, D800
-      {"a\xF0\x9F\x93", R"("a\uFFFD")", R"("a\xF0\x9F\x93")"},  // cut short
+      {"a\x80z\xFF", R"("a\uFFFDz\uFFFD")", R"("a\x80z\xFF")"},  // which bytes are damaged is the text fuzz target's
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.json, TavloJsonWriter::quoted(c.input)) << c.printable;

@@ -1,6 +1,5 @@
 // Writes a queue archive of known content to the path given as first argument, for the
-// test that reads it back with an independent property-list reader.
-#include <cstdio>
+// checks that read it back with independent readers and with tavlo-queue.
 #include <fstream>
 
 #include "request/TavloClearCache.h"
@@ -8,10 +7,7 @@
 #include "request/TavloRequest.h"
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s OUTPUT\n", argv[0]);
-    return 2;
-  }
+  if (argc != 2) return 2;
   auto access = TavloAccess::TavloAccessWithSerial("serial-9", TavloAccessModeRestricted, "https://c.example/m/web/");
   auto auth = TavloAuth::TavloAuthWithSession(TavloSession::TavloSessionWithSerial("serial-9", "31337"), access, false);
   auto parameters = std::make_shared<const TavloParameters>(TavloParameters{{"c", "home"}, {"ml1", "caf\xC3\xA9"}});

@@ -1,12 +1,10 @@
 #!/usr/bin/env python3
-"""Runs tavlo-demo twice: against its own server at its highest speed, where its paced main
-queue is always behind and catches up (exit 0, the hits in rank order, a drained queue file
-tavlo-queue reads); then against a port where nothing listens, in collector mode, waiting
-no time (exit 1, the hits left in the queue file, which tavlo-queue lists).
-Usage: check_demo.py TAVLO_DEMO TAVLO_QUEUE"""
+"""Runs tavlo-demo against its own server at its highest speed, where its paced main queue
+is always behind and catches up (exit 0, the hits in rank order, a drained queue file), then
+against a port where nothing listens, waiting no time (exit 1, the hits left in the queue
+file); tavlo-queue lists each file. Usage: check_demo.py TAVLO_DEMO TAVLO_QUEUE"""
 import os
 import re
-import socket
 import subprocess
 import sys
 import tempfile
@@ -46,10 +44,7 @@ def main():
         check(path == os.path.join(data, "TavloDemo/TavloCache/requests.ser") and status == 0 and
               "0 elements" in listing, "the drained queue %s: %s" % (path, listing))
 
-        with socket.socket() as probe:  # a port nothing listens on once the probe is closed
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
-        status, output = run(demo, "--collector", "http://127.0.0.1:%d" % port, "--wait", "0", "--speed", "1000",
+        status, output = run(demo, "--collector", "http://127.0.0.1:1", "--wait", "0", "--speed", "1000",  # refused
                              "--data-dir", os.path.join(work, "unreachable"))
         check(status == 1 and "0 hits sent" in output and "11 still queued" in output and
               "FAILED: hits are still waiting" in output, "with no collector:\n" + output)

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Runs tavlo-queue on a queue file of known content and on a few damaged copies, and
-checks exit statuses, the listing, and the JSON with Python's own json module (an
-independent reader). Arbitrary damage is the fuzz target's (fuzz/TavloQueueReportFuzz.cpp).
-Usage: check_queue_tool.py TAVLO_QUEUE WRITER"""
+"""Reads a queue file of known content with Python's plistlib, then with tavlo-queue, whose
+JSON Python's json module reads (readers independent of the library); runs tavlo-queue on a
+damaged copy and with wrong arguments. Usage: check_queue_tool.py TAVLO_QUEUE WRITER"""
 import json
 import os
+import plistlib
 import subprocess
 import sys
 import tempfile
@@ -30,6 +30,15 @@ def main():
         subprocess.run([writer, path], check=True)
         with open(path, "rb") as f:
             sound = f.read()
+
+        # Our writer matches libplist byte for byte (TavloKeyedArchiveTest), and both share our
+        # epoch; a strict reader of its own sees a genuine NSKeyedArchiver archive, dates from 2001.
+        archive = plistlib.loads(sound, fmt=plistlib.FMT_BINARY)
+        objects = archive["$objects"]
+        streaming, audience = (objects[u.data] for u in objects[archive["$top"]["root"].data]["NS.objects"][:2])
+        check((archive["$archiver"], archive["$version"], objects[0]) == ("NSKeyedArchiver", 100000, "$null") and
+              objects[streaming["TavloRequest_creationDate"].data]["NS.time"] == 1700000000.5 - 978307200 and
+              objects[audience["TavloRequest_creationDate"].data]["NS.time"] == 0, "plistlib read %r" % archive)
 
         status, text, _ = run(tool, "list", path)
         for expected in ("3 elements: 1 audience, 1 streaming, 1 clear-cache marker", "\"ml1\" = \"caf\u00e9\"",
@@ -64,12 +73,12 @@ def main():
             check(status == 2 and "usage:" in errors, "%r: exit %d" % (args, status))
         environment = {k: v for k, v in os.environ.items() if k not in ("XDG_DATA_HOME", "HOME")}
         data = os.path.join(folder, "data")
-        for variables, args, expected in (({"XDG_DATA_HOME": data}, ("a/b\tc",), data + "/a_b_c"),
-                                          ({"XDG_DATA_HOME": data}, ("..",), data + "/unnamed-application"),
-                                          ({"XDG_DATA_HOME": "relative", "HOME": "/home/v"}, ("App",),
-                                           "/home/v/.local/share/App")):
-            status, text, _ = run(tool, "path", *args, env={**environment, **variables})
-            check(status == 0 and text == expected + "/TavloCache/requests.ser\n", "path %r printed %r" % (args, text))
+        home = {"XDG_DATA_HOME": "relative", "HOME": "/home/v"}  # a relative one is not taken
+        for variables, name, expected in (({"XDG_DATA_HOME": data}, "a/b\tc", data + "/a_b_c"),
+                                          ({"XDG_DATA_HOME": data}, "..", data + "/unnamed-application"),
+                                          (home, "App", "/home/v/.local/share/App")):
+            status, text, _ = run(tool, "path", name, env={**environment, **variables})
+            check(status == 0 and text == expected + "/TavloCache/requests.ser\n", "path %r printed %r" % (name, text))
     for failure in failures:
         print("FAIL: " + failure)
     sys.exit(1 if failures else 0)
