@@ -121,34 +121,13 @@ TEST_F(TavloStreamingTaggerTest, AHitCarriesTheDefaultsAndTheStreamingSetWithThe
   ASSERT_EQ(1u, sent.size());
   TavloParameters expected = *agent->defaultParametersForRequest();
   expected.erase("n");
-  expected.insert({{"cmsEV", "state"},
-                   {"cmsPO", "12"},
-                   {"cmsOP", "0"},
-                   {"cmsPS", "5"},
-                   {"cmsMV", "5"},
-                   {"cmsSD", "80"},
-                   {"cmsDU", "5400"},
-                   {"cmsPL", "TestModel"},
-                   {"dom", "provider"},
-                   {"cmsGR", "drama"},
-                   {"cmsS1", "three"},
-                   {"cmsS2", "two"},
-                   {"cmsS3", "one"},
-                   {"cmsS4", "four"},
-                   {"cmsS5", "five"},
-                   {"crmid", "crm 42"},
-                   {"ml11", "eleven"},
-                   {"msCid", "content"},
-                   {"msDm", "live"},
-                   {"msCh", "ch1"},
-                   {"miCh", "net"},
-                   {"cmsRK", "1"},
-                   {"cmsVI", "5"},
-                   {"m_ntwk", "Wifi"},
-                   {"cmsSN", std::string(300, 'n')},
-                   {"ml1", std::string(256, 'x')},
-                   {"cmsME", "http://media.test/film.m3u8"},
-                   {"did", "6D92078A-8246-4BA4-AE5B-76104861E7DC"}});
+  expected.insert({{"cmsEV", "state"}, {"cmsPO", "12"}, {"cmsOP", "0"}, {"cmsPS", "5"}, {"cmsMV", "5"},
+                   {"cmsSD", "80"}, {"cmsDU", "5400"}, {"cmsPL", "TestModel"}, {"dom", "provider"},
+                   {"cmsGR", "drama"}, {"cmsS1", "three"}, {"cmsS2", "two"}, {"cmsS3", "one"}, {"cmsS4", "four"},
+                   {"cmsS5", "five"}, {"crmid", "crm 42"}, {"ml11", "eleven"}, {"msCid", "content"},
+                   {"msDm", "live"}, {"msCh", "ch1"}, {"miCh", "net"}, {"cmsRK", "1"}, {"cmsVI", "5"},
+                   {"m_ntwk", "Wifi"}, {"cmsSN", std::string(300, 'n')}, {"ml1", std::string(256, 'x')},
+                   {"cmsME", "http://media.test/film.m3u8"}, {"did", "6D92078A-8246-4BA4-AE5B-76104861E7DC"}});
   TavloParameters got = sent[0];
   got.erase("n");
   EXPECT_EQ(expected, got);
