@@ -199,11 +199,10 @@ void TavloStreamingTagger::Impl::start() {
   reachability_ = TavloReachability::reachabilityForInternetConnection(platform_, center_);
   reachabilityStatusChanged();
   if (!center_) return;
-  reachabilityObserver_ = center_->addObserver(std::string(kTavloReachabilityChangedNotification),
-                                               [weakTagger = owner_->weak_from_this()](const std::string&, const void*) {
-                                                 if (const auto tagger = weakTagger.lock())
-                                                   tagger->impl_->reachabilityStatusChanged();
-                                               });
+  const auto changed = [weakTagger = owner_->weak_from_this()](const std::string&, const void*) {
+    if (const auto tagger = weakTagger.lock()) tagger->impl_->reachabilityStatusChanged();
+  };
+  reachabilityObserver_ = center_->addObserver(std::string(kTavloReachabilityChangedNotification), changed);
   if (reachability_) reachability_->startNotifier();
 }
 
@@ -217,46 +216,6 @@ void TavloStreamingTagger::Impl::reachabilityStatusChanged() {
 
 // Properties.
 
-TavloString TavloStreamingTagger::Impl::mediaName() const { return TavloLockedRead(stateProtector, mediaName_); }
-
-void TavloStreamingTagger::Impl::setMediaName(const TavloString& mediaName) {
-  if (!mediaName || mediaName->empty()) return;
-  std::lock_guard lock(stateProtector);
-  mediaName_ = mediaName;
-}
-
-TavloString TavloStreamingTagger::Impl::mediaURL() const { return TavloLockedRead(stateProtector, mediaURL_); }
-
-void TavloStreamingTagger::Impl::setMediaURL(const TavloString& mediaURL) {
-  if (!mediaURL || mediaURL->empty()) return;
-  std::lock_guard lock(stateProtector);
-  mediaURL_ = mediaURL;
-}
-
-TavloString TavloStreamingTagger::Impl::mediaGenre() const { return TavloLockedRead(stateProtector, mediaGenre_); }
-
-void TavloStreamingTagger::Impl::setMediaGenre(TavloString mediaGenre) {
-  TavloLockedWrite(stateProtector, mediaGenre_, std::move(mediaGenre));
-}
-
-TavloString TavloStreamingTagger::Impl::mediaProvider() const { return TavloLockedRead(stateProtector, mediaProvider_); }
-
-void TavloStreamingTagger::Impl::setMediaProvider(TavloString mediaProvider) {
-  TavloLockedWrite(stateProtector, mediaProvider_, std::move(mediaProvider));
-}
-
-int64_t TavloStreamingTagger::Impl::mediaVolume() const { return TavloLockedRead(stateProtector, mediaVolume_); }
-
-void TavloStreamingTagger::Impl::setMediaVolume(int64_t mediaVolume) {
-  TavloLockedWrite(stateProtector, mediaVolume_, mediaVolume);
-}
-
-int64_t TavloStreamingTagger::Impl::mediaLength() const { return TavloLockedRead(stateProtector, mediaLength_); }
-
-void TavloStreamingTagger::Impl::setMediaLength(int64_t mediaLength) {
-  TavloLockedWrite(stateProtector, mediaLength_, mediaLength);
-}
-
 std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::Impl::delegate() const {
   std::lock_guard lock(stateProtector);
   return delegate_.lock();
@@ -266,7 +225,9 @@ void TavloStreamingTagger::Impl::setDelegate(std::weak_ptr<TavloStreamingTaggerD
   TavloLockedWrite(stateProtector, delegate_, std::move(delegate));
 }
 
-TavloSendingMode TavloStreamingTagger::Impl::sendingMode() const { return TavloLockedRead(stateProtector, sendingMode_); }
+TavloSendingMode TavloStreamingTagger::Impl::sendingMode() const {
+  return TavloLockedRead(stateProtector, sendingMode_);
+}
 
 void TavloStreamingTagger::Impl::setSendingMode(TavloSendingMode sendingMode) {
   if (!canSend_) return;
@@ -464,8 +425,8 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::generateRequestLocked(
   if (rank > 0) parameters.insert_or_assign("cmsRK", std::to_string(rank));
 
   return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
-                                                  TavloRequestTypeStreaming, currentModeLocked(), owner_->serial(), taggerID_,
-                                                  environment.now);
+                                                  TavloRequestTypeStreaming, currentModeLocked(), owner_->serial(),
+                                                  taggerID_, environment.now);
 }
 
 void TavloStreamingTagger::Impl::addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request) {
@@ -602,7 +563,8 @@ void TavloStreamingTagger::Impl::handleThrottledEvent(const std::shared_ptr<Tavl
       };
       // A burst that ends in the state already reported adds nothing.
       if (code(lastThrottledRequest_) != code(lastSentRequest_)) {
-        lines.push_back({std::string(), TavloLoggingModeWarning, false, "TavloStreamingTagger - Throttled request sent"});
+        lines.push_back(
+            {std::string(), TavloLoggingModeWarning, false, "TavloStreamingTagger - Throttled request sent"});
         addRequestToAgentLocked(lastThrottledRequest_);
       }
     }
@@ -623,7 +585,59 @@ std::shared_ptr<TavloTimer> TavloStreamingTagger::Impl::armTimer(
       repeating);
 }
 
-// The public calls.
+// The public calls. The medium's properties are read and written here, under the
+// tagger's lock; the rest is the Impl's.
+
+TavloString TavloStreamingTagger::mediaName() const {
+  return TavloLockedRead(impl_->stateProtector, impl_->mediaName_);
+}
+
+void TavloStreamingTagger::setMediaName(const TavloString& mediaName) {
+  if (!mediaName || mediaName->empty()) return;
+  std::lock_guard lock(impl_->stateProtector);
+  impl_->mediaName_ = mediaName;
+}
+
+TavloString TavloStreamingTagger::mediaURL() const { return TavloLockedRead(impl_->stateProtector, impl_->mediaURL_); }
+
+void TavloStreamingTagger::setMediaURL(const TavloString& mediaURL) {
+  if (!mediaURL || mediaURL->empty()) return;
+  std::lock_guard lock(impl_->stateProtector);
+  impl_->mediaURL_ = mediaURL;
+}
+
+TavloString TavloStreamingTagger::mediaGenre() const {
+  return TavloLockedRead(impl_->stateProtector, impl_->mediaGenre_);
+}
+
+void TavloStreamingTagger::setMediaGenre(TavloString mediaGenre) {
+  TavloLockedWrite(impl_->stateProtector, impl_->mediaGenre_, std::move(mediaGenre));
+}
+
+TavloString TavloStreamingTagger::mediaProvider() const {
+  return TavloLockedRead(impl_->stateProtector, impl_->mediaProvider_);
+}
+
+void TavloStreamingTagger::setMediaProvider(TavloString mediaProvider) {
+  TavloLockedWrite(impl_->stateProtector, impl_->mediaProvider_, std::move(mediaProvider));
+}
+
+int64_t TavloStreamingTagger::mediaVolume() const {
+  return TavloLockedRead(impl_->stateProtector, impl_->mediaVolume_);
+}
+
+void TavloStreamingTagger::setMediaVolume(int64_t mediaVolume) {
+  TavloLockedWrite(impl_->stateProtector, impl_->mediaVolume_, mediaVolume);
+}
+
+int64_t TavloStreamingTagger::mediaLength() const {
+  return TavloLockedRead(impl_->stateProtector, impl_->mediaLength_);
+}
+
+void TavloStreamingTagger::setMediaLength(int64_t mediaLength) {
+  TavloLockedWrite(impl_->stateProtector, impl_->mediaLength_, mediaLength);
+}
+
 
 void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event) { impl_->notifyEvent(event); }
 void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t position) {
@@ -635,20 +649,6 @@ TavloString TavloStreamingTagger::level2() const { return impl_->level2_; }
 TavloString TavloStreamingTagger::level3() const { return impl_->level3_; }
 TavloString TavloStreamingTagger::level4() const { return impl_->level4_; }
 TavloString TavloStreamingTagger::level5() const { return impl_->level5_; }
-TavloString TavloStreamingTagger::mediaName() const { return impl_->mediaName(); }
-void TavloStreamingTagger::setMediaName(const TavloString& mediaName) { impl_->setMediaName(mediaName); }
-TavloString TavloStreamingTagger::mediaURL() const { return impl_->mediaURL(); }
-void TavloStreamingTagger::setMediaURL(const TavloString& mediaURL) { impl_->setMediaURL(mediaURL); }
-TavloString TavloStreamingTagger::mediaGenre() const { return impl_->mediaGenre(); }
-void TavloStreamingTagger::setMediaGenre(TavloString mediaGenre) { impl_->setMediaGenre(std::move(mediaGenre)); }
-TavloString TavloStreamingTagger::mediaProvider() const { return impl_->mediaProvider(); }
-void TavloStreamingTagger::setMediaProvider(TavloString mediaProvider) {
-  impl_->setMediaProvider(std::move(mediaProvider));
-}
-int64_t TavloStreamingTagger::mediaVolume() const { return impl_->mediaVolume(); }
-void TavloStreamingTagger::setMediaVolume(int64_t mediaVolume) { impl_->setMediaVolume(mediaVolume); }
-int64_t TavloStreamingTagger::mediaLength() const { return impl_->mediaLength(); }
-void TavloStreamingTagger::setMediaLength(int64_t mediaLength) { impl_->setMediaLength(mediaLength); }
 std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::delegate() const { return impl_->delegate(); }
 void TavloStreamingTagger::setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate) {
   impl_->setDelegate(std::move(delegate));

@@ -41,18 +41,6 @@ class TavloStreamingTagger::Impl {
   // The public calls, as TavloStreamingTagger documents them.
   void notifyEvent(TavloStreamingEvent event);
   void notifyEvent(TavloStreamingEvent event, int64_t position);
-  TavloString mediaName() const;
-  void setMediaName(const TavloString& mediaName);
-  TavloString mediaURL() const;
-  void setMediaURL(const TavloString& mediaURL);
-  TavloString mediaGenre() const;
-  void setMediaGenre(TavloString mediaGenre);
-  TavloString mediaProvider() const;
-  void setMediaProvider(TavloString mediaProvider);
-  int64_t mediaVolume() const;
-  void setMediaVolume(int64_t mediaVolume);
-  int64_t mediaLength() const;
-  void setMediaLength(int64_t mediaLength);
   std::shared_ptr<TavloStreamingTaggerDelegate> delegate() const;
   void setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate);
   TavloSendingMode sendingMode() const;
