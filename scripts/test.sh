@@ -5,7 +5,7 @@
 #      but not run, the API reference) and every test;
 #   3. the test suite again under AddressSanitizer + UBSan, then under ThreadSanitizer;
 #   4. each fuzz target, from its seed corpus, for TAVLO_FUZZ_SECONDS (default 60).
-# About half an hour on two cores from a clean clone (docs/testing.md).
+# About fifteen minutes on two cores from a clean clone, packages installed (docs/testing.md).
 #
 #   TAVLO_SANITIZE=address,undefined scripts/test.sh   only the suite under those sanitizers
 #   TAVLO_SANITIZE=thread scripts/test.sh              only the suite under ThreadSanitizer
