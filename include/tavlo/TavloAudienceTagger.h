@@ -48,7 +48,7 @@ class TAVLO_EXPORT TavloAudienceTagger : public TavloTagger {
   static void addParam(const TavloString& value, const std::string& key, TavloParameters* dictionary,
                        std::size_t limit = 0);
 
- /// What the library keeps for each tagger. Only the library defines it: its layout is
+  /// What the library keeps for each tagger. Only the library defines it: its layout is
   /// not part of an application's build, and it may change in any release.
   class Impl;
 

@@ -158,7 +158,7 @@ class TAVLO_EXPORT TavloStreamingTagger : public TavloTagger,
   /// cannot be reached, else sendingMode().
   TavloSendingMode getCurrentMode() const;
 
- /// What the library keeps for each tagger. Only the library defines it: its layout is
+  /// What the library keeps for each tagger. Only the library defines it: its layout is
   /// not part of an application's build, and it may change in any release.
   class Impl;
 
