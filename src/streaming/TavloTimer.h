@@ -38,8 +38,8 @@ class TavloTimer : public std::enable_shared_from_this<TavloTimer> {
   static std::shared_ptr<TavloTimer> TavloTimerWithInterval(const std::shared_ptr<TavloMainQueue>& mainQueue,
                                                             double interval, std::weak_ptr<Target> target,
                                                             Selector<Target> selector, bool repeating) {
-    if (selector == nullptr) return TavloTimerCalling<Target>(mainQueue, interval, std::move(target), nullptr, repeating);
-    return TavloTimerCalling<Target>(
+    if (selector == nullptr) return make(mainQueue, interval, std::move(target), nullptr, repeating);
+    return TavloTimerCalling(
         mainQueue, interval, std::move(target),
         [selector](Target& object, const std::shared_ptr<TavloTimer>& timer) { (object.*selector)(timer); },
         repeating);
@@ -47,17 +47,14 @@ class TavloTimer : public std::enable_shared_from_this<TavloTimer> {
 
   /// The same with any operation, called as `operation(target, timer)`: for a target
   /// whose work is done by an object it owns.
-  template <class Target>
-  static std::shared_ptr<TavloTimer> TavloTimerCalling(
-      const std::shared_ptr<TavloMainQueue>& mainQueue, double interval, std::weak_ptr<Target> target,
-      std::function<void(Target& target, const std::shared_ptr<TavloTimer>& timer)> operation, bool repeating) {
-    Operation wrapped;
-    if (operation) {
-      wrapped = [operation = std::move(operation)](const std::shared_ptr<void>& object,
-                                                   const std::shared_ptr<TavloTimer>& timer) {
-        operation(*static_cast<Target*>(object.get()), timer);
-      };
-    }
+  template <class Target, class Call>
+  static std::shared_ptr<TavloTimer> TavloTimerCalling(const std::shared_ptr<TavloMainQueue>& mainQueue,
+                                                       double interval, std::weak_ptr<Target> target, Call operation,
+                                                       bool repeating) {
+    Operation wrapped = [operation = std::move(operation)](const std::shared_ptr<void>& object,
+                                                           const std::shared_ptr<TavloTimer>& timer) {
+      operation(*static_cast<Target*>(object.get()), timer);
+    };
     return make(mainQueue, interval, std::weak_ptr<void>(std::move(target)), std::move(wrapped), repeating);
   }
 

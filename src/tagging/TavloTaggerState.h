@@ -7,6 +7,7 @@
 
 #include "tavlo/TavloTagger.h"
 #include "tavlo/TavloTypes.h"
+#include "util/TavloLocked.h"
 
 /// The read-write properties a hit carries, read together under one lock: a hit pays for
 /// one lock instead of one per property, and never mixes old and new values.
@@ -28,35 +29,23 @@ class TavloTagger::State {
       : serial(std::move(serial)), customerData(std::move(customerData)) {}
 
   /// The properties as they are now.
-  TavloHitProperties hitProperties() const {
-    std::lock_guard lock(mutex);
-    return properties;
-  }
+  TavloHitProperties hitProperties() const { return TavloLockedRead(mutex, properties); }
   /// Level `index` (1 ... 11); nothing outside that range.
   TavloString newLevel(int index) const {
     if (index < 1 || index > kNewLevelCount) return std::nullopt;
-    std::lock_guard lock(mutex);
-    return properties.newLevels[index - 1];
+    return TavloLockedRead(mutex, properties.newLevels[index - 1]);
   }
   /// One text property, by its place in the hit's properties.
-  TavloString read(TavloString TavloHitProperties::*field) const {
-    std::lock_guard lock(mutex);
-    return properties.*field;
-  }
+  TavloString read(TavloString TavloHitProperties::*field) const { return TavloLockedRead(mutex, properties.*field); }
   void write(TavloString TavloHitProperties::*field, TavloString value) {
-    std::lock_guard lock(mutex);
-    properties.*field = std::move(value);
+    TavloLockedWrite(mutex, properties.*field, std::move(value));
   }
   /// Sets level `index` (1 ... 11).
   void setNewLevel(int index, TavloString level) {
-    std::lock_guard lock(mutex);
-    properties.newLevels[index - 1] = std::move(level);
+    TavloLockedWrite(mutex, properties.newLevels[index - 1], std::move(level));
   }
   /// For the streaming tagger's set-up only: audience taggers leave it false.
-  void setCanSend(bool value) {
-    std::lock_guard lock(mutex);
-    canSend = value;
-  }
+  void setCanSend(bool value) { TavloLockedWrite(mutex, canSend, value); }
 
   const TavloString serial;
   const TavloString customerData;
