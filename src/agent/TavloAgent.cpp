@@ -451,16 +451,14 @@ void TavloAgent::takeHandOver() {
 
 void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
   TavloLogger::log("Adding a request in queue", TavloLoggingModeInfo);
-  const bool markerWaiting = std::any_of(requestQueue.begin(), requestQueue.end(),
-                                         [](const auto& queued) { return queued->isClearCacheMarker(); });
-  // While a marker waits, the cache is about to be cleared: the send step fetches afresh.
-  const std::shared_ptr<TavloTaggerID> tagger = request->taggerID();
-  if (!markerWaiting && tagger) {
-    request->setAuth(authManager_->authFromCacheForTagger(*tagger));
-    if (request->shouldRenewSessionAfter()) {
-      authManager_->forgetAuthForTagger(*tagger);
-      TavloLogger::log("ShouldRenewSession", TavloLoggingModeInfo);
-    }
+  // The hit reaches the queue and the file at once, but its authorisation is what the
+  // cache holds once the exchange in flight is over: that exchange may be the one that
+  // fills the cache (the first hit of a serial), and a stop handed over meanwhile must
+  // forget the visit it opens, not the one before it.
+  if (attemptInFlight_) {
+    awaitingAuth_.push_back(request);
+  } else {
+    attachCachedAuth(*request);
   }
   requestQueue.push_back(request);
   if (requestQueue.size() > kMaximumQueueLength) requestQueue.pop_front();
@@ -468,6 +466,27 @@ void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
   saveRequests();
   logCount();
   signalLoop();
+}
+
+void TavloAgent::attachCachedAuth(TavloRequest& request) {
+  const bool markerWaiting = std::any_of(requestQueue.begin(), requestQueue.end(),
+                                         [](const auto& queued) { return queued->isClearCacheMarker(); });
+  // While a marker waits, the cache is about to be cleared: the send step fetches afresh.
+  const std::shared_ptr<TavloTaggerID> tagger = request.taggerID();
+  if (markerWaiting || !tagger) return;
+  request.setAuth(authManager_->authFromCacheForTagger(*tagger));
+  if (request.shouldRenewSessionAfter()) {
+    authManager_->forgetAuthForTagger(*tagger);
+    TavloLogger::log("ShouldRenewSession", TavloLoggingModeInfo);
+  }
+}
+
+void TavloAgent::endAttempt() {
+  attemptInFlight_ = false;
+  if (awaitingAuth_.empty()) return;
+  for (const auto& request : awaitingAuth_) attachCachedAuth(*request);
+  awaitingAuth_.clear();
+  saveRequests();  // the file keeps each request's authorisation
 }
 
 void TavloAgent::purgeAudienceRequests() {
@@ -540,6 +559,7 @@ void TavloAgent::handleRequests() {
         removed = request;
         continue;
       }
+      attemptInFlight_ = true;
     }
     // The exchange runs without requestsProtector: hits handed over meanwhile reach the
     // queue and the file at once instead of waiting for the network.
@@ -559,6 +579,8 @@ void TavloAgent::handleRequests() {
       request->transformToStop();
       handleRequest(request);  // its outcome does not matter: the request is not queued again
     }
+    std::lock_guard lock(requestsProtector);
+    endAttempt();
   }
 }
 

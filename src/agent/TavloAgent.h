@@ -84,7 +84,9 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 ///
 /// Threads: every public operation may be called from any thread. `requestsProtector`
 /// guards the queue; the send loop holds it to pick a request and to record the outcome,
-/// never during the network exchange, so enqueues and saves interleave with a drain.
+/// never during the network exchange, so enqueues and saves interleave with a drain. A
+/// request queued during an exchange takes its cached authorisation when the exchange
+/// ends, as if it had waited for it: the exchange may be the one that fills the cache.
 /// `fileWriter` serialises the writes of the file and is taken before
 /// `requestsProtector`, never after; `inboxProtector` guards the hand-over and is never
 /// held while another of the agent's locks is taken; `partialIDLocker` guards the partial
@@ -240,6 +242,12 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void takeHandOver();
   void enqueue(const std::shared_ptr<TavloRequest>& request);  // REQUIRES: requestsProtector held
   void purgeAudienceRequests();                                // REQUIRES: requestsProtector held
+  /// Gives a queued request the cached authorisation, and forgets it for a request that
+  /// renews its session. REQUIRES: requestsProtector held.
+  void attachCachedAuth(TavloRequest& request);
+  /// Ends the send loop's exchange: requests queued meanwhile get their authorisation now,
+  /// in the order they came. REQUIRES: requestsProtector held.
+  void endAttempt();
 
   /// Waits until "TavloRequestHandler" has run what was submitted before; true at once
   /// when it is shut down.
@@ -286,6 +294,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::deque<std::shared_ptr<TavloRequest>> requestQueue;  // guarded by requestsProtector
   bool stopping_ = false;                                 // guarded by requestsProtector
   bool loopWaiting_ = false;                              // guarded by requestsProtector
+  bool attemptInFlight_ = false;                          // guarded by requestsProtector
+  std::vector<std::shared_ptr<TavloRequest>> awaitingAuth_;  // guarded by requestsProtector
   uint64_t signalsSent_ = 0;                              // guarded by requestsProtector
   uint64_t signalsSeen_ = 0;                              // guarded by requestsProtector
   std::unique_ptr<TavloFileSystem::Lock> fileLock_;       // guarded by requestsProtector

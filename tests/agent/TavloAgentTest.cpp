@@ -329,27 +329,56 @@ TEST_F(TavloAgentFileTest, TheSentJournalCountsOnlyForItsOwnFile) {
   }
 }
 
-TEST_F(TavloAgentFileTest, HitsReachTheQueueAndTheFileWhileAnExchangeIsInFlight) {
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  std::promise<void> inFlight;
+// Holds the sending thread inside one exchange until the test lets it go.
+struct TavloHeldExchange {
+  std::promise<void> entered, release;
+  void hold() {
+    entered.set_value();
+    release.get_future().wait();
+  }
+};
+
+TEST_F(TavloAgentFileTest, HitsQueuedDuringAnExchangeReachTheFileAtOnceAndTakeTheVisitItOpens) {
+  // The first hit's authorisation and then its sending are held. What is handed over
+  // meanwhile is in the queue and the file at once, and is authorised as if it had
+  // waited for the exchange: the stop renews the visit the exchange opened, so the hits
+  // before it share that visit and only the hit after it opens another.
+  TavloHeldExchange authorising, sending;
+  int visits = 0;
   test.http->setHandler([&](const TavloHttpRequest& request) {
-    if (request.url.find("c=slow") != std::string::npos) {
-      inFlight.set_value();
-      released.wait();
+    if (request.url.find("/m/web/") == std::string::npos) {
+      if (++visits == 1) authorising.hold();
+      return TavloScriptedHttpClient::answer(200, "access=full|host=http://collect.test/m/web/|cmsVI=" +
+                                                      std::to_string(visits));
     }
+    if (request.url.find("c=first") != std::string::npos) sending.hold();
     return TavloScriptedHttpClient::answer(200);
   });
-  agent->addRequestToQueue(streamingRequest("slow"));
-  inFlight.get_future().wait();
-  test.reachability->setFlags(0);  // keeps the newcomer queued once the slow one is done
-  agent->addRequestToQueue(streamingRequest("newcomer"));
+  const auto stop = streamingRequest("stop");
+  stop->setShouldRenewSessionAfter(true);
+
+  agent->addRequestToQueue(streamingRequest("first"));
+  authorising.entered.get_future().wait();
+  agent->addRequestToQueue(streamingRequest("during the authorisation"));
   ASSERT_TRUE(agent->TEST_waitForHandOver());
-  EXPECT_EQ((std::vector<std::string>{"slow", "newcomer"}), levelsOf(agent->TEST_queue()));
-  EXPECT_EQ((std::vector<std::string>{"slow", "newcomer"}), levelsInFile());
-  release.set_value();
+  EXPECT_EQ((std::vector<std::string>{"first", "during the authorisation"}), levelsInFile());
+  authorising.release.set_value();
+  sending.entered.get_future().wait();
+  agent->addRequestToQueue(stop);
+  ASSERT_TRUE(agent->TEST_waitForHandOver());
+  EXPECT_EQ((std::vector<std::string>{"first", "during the authorisation", "stop"}), levelsInFile());
+  sending.release.set_value();
   settle();
-  EXPECT_EQ((std::vector<std::string>{"newcomer"}), levelsInFile());
+  agent->addRequestToQueue(streamingRequest("after"));
+  settle();
+
+  std::vector<std::string> visitsSent;
+  for (const std::string& url : collectionURLs(*test.http)) {
+    const size_t visit = url.find("cmsVI=") + 6;
+    visitsSent.push_back(url.substr(visit, url.find('&', visit) - visit));
+  }
+  EXPECT_EQ((std::vector<std::string>{"1", "1", "1", "2"}), visitsSent);
+  EXPECT_TRUE(levelsInFile().empty());
 }
 
 TEST_F(TavloAgentFileTest, TheFileIsReadOffTheCallersThreadAheadOfEveryHit) {

@@ -46,11 +46,17 @@ TEST_F(TavloStreamingIntegrationTest, PlayPausePlayStopReachesTheCollectorInOrde
     config.setCustomerData("viewer 42");
     config.setMediaProvider("provider");
   });
+  // Each hit is on the wire before the next event: a hit queued while the cache is still
+  // empty is authorised when it is sent, so one queued before the first answer and sent
+  // after the stop forgot it would open the next visit.
   t->notifyEvent(TavloStreamingEventPlay, 0);
+  ASSERT_TRUE(server.waitForRequests(2));
   advanceTo(2);
   t->notifyEvent(TavloStreamingEventPause, 2);
+  ASSERT_TRUE(server.waitForRequests(3));
   advanceTo(4);
   t->notifyEvent(TavloStreamingEventPlay, 2);
+  ASSERT_TRUE(server.waitForRequests(4));
   advanceTo(6);
   t->notifyEvent(TavloStreamingEventStop, 6);
   ASSERT_TRUE(server.waitForRequests(5));
