@@ -65,8 +65,9 @@ void reportProblems(const std::string& file, const TavloQueueReport& report) {
   }
 }
 
-// Hits sent since the file was last written stay in it until the next rewrite; the
-// journal beside it names them, and the next start drops them.
+// Hits sent since the file was last written stay in it until the next rewrite (a drained
+// queue's file may hold only sent hits); the journal beside it names them, and the next
+// start drops them.
 void reportSentJournal(const std::string& file, const TavloQueueReport& report) {
   TavloPosixFileSystem files;
   std::string bytes, journal;
@@ -81,6 +82,7 @@ void reportSentJournal(const std::string& file, const TavloQueueReport& report) 
   for (const uint32_t position : sent) positions += (positions.empty() ? "#" : ", #") + std::to_string(position);
   std::printf("already sent, as %s says (the next start drops them): %s\n",
               TavloSentJournal::pathFor(file).c_str(), positions.c_str());
+  std::printf("still to send: %zu of %zu\n", report.elements().size() - sent.size(), report.elements().size());
 }
 
 int list(const std::string& file, bool asJson) {

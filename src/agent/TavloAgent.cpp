@@ -321,6 +321,10 @@ void TavloAgent::journalRemoval(const TavloRequest* removed) {
       (fresh ? TavloSentJournal::header(savedFingerprint_) : std::string()) + TavloSentJournal::entry(position);
   if (platform_.files->appendToFile(TavloSentJournal::pathFor(path), bytes, 0600)) {
     // The journal may now be torn: the whole file, written afresh, replaces it.
+    {
+      std::lock_guard lock(requestsProtector);
+      ++changeCount_;
+    }
     persistLocked();
     return;
   }
@@ -502,7 +506,9 @@ void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& req
   TavloLogger::log("Removing request from queue", TavloLoggingModeInfo);
   std::erase_if(requestQueue, [&](const auto& queued) { return request->isEqual(*queued); });
   publishQueueLength();
-  saveRequests();
+  // Only the send loop removes, and it journals each removal before its next request:
+  // the file plus its journal already say this, and no rewrite is due for it.
+  TavloLogger::log("Saving requests to cache", TavloLoggingModeInfo);
   logCount();
 }
 
@@ -515,22 +521,11 @@ bool TavloAgent::headIsSendable() {
 void TavloAgent::handleRequests() {
   std::shared_ptr<TavloRequest> removed;  // the last request this loop took off the queue
   for (;;) {
-    // A removal is on disk before the next request goes out: a crash now resends nothing
-    // that was answered. While more are waiting, a few bytes in the journal say so; at the
-    // end of a drain the file itself is written at once, which the journal would only
-    // have delayed.
-    if (removed) {
-      bool drainGoesOn = false;
-      {
-        std::lock_guard lock(requestsProtector);
-        drainGoesOn = !stopping_ && headIsSendable();
-      }
-      if (drainGoesOn) {
-        journalRemoval(removed.get());
-      } else {
-        persist();
-      }
-    }
+    // A removal is on disk before the next request goes out, as a few bytes in the
+    // journal: a crash now resends nothing that was answered. The file itself is rewritten
+    // by the next change that needs it (new hits, a purge) or at shutdown, never by this
+    // thread for a removal: sending a hit costs no encode and no sync of the storage.
+    if (removed) journalRemoval(removed.get());
     removed.reset();
     std::shared_ptr<TavloRequest> request;
     {

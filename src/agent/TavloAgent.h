@@ -70,11 +70,11 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 ///
 /// The queue holds at most 500 requests after an insertion (the oldest goes first) and is
 /// written to "<data directory>/<application>/TavloCache/requests.ser" atomically after
-/// every burst of changes: a burst of enqueues is written once, at its end; the removals
-/// of a drain when the send loop goes idle. Each removal by the send loop is on disk
-/// before the next request goes out, as a few bytes in the sent journal beside the file
-/// (see TavloSentJournal), so a process killed in the middle of a drain sends again at
-/// most the one request that was in flight, without a rewrite of the file per hit.
+/// every burst of changes: a burst of enqueues is written once, at its end. Each removal
+/// by the send loop is on disk before the next request goes out, as a few bytes in the
+/// sent journal beside the file (see TavloSentJournal), so a process killed in the middle
+/// of a drain sends again at most the one request that was in flight; the file itself
+/// takes the removals in at its next rewrite, so sending never encodes or syncs it.
 /// `shutdown` writes whatever was handed over before it was called.
 /// At start, audience requests in the file are dropped and streaming ones kept, followed by
 /// a clear-cache marker; temporaries left by a process killed during a save are removed.

@@ -12,9 +12,9 @@
 /// already answered. Rewriting the whole queue file for every hit sent costs a full
 /// encode and a rewrite of up to a megabyte of flash per hit; instead the agent appends
 /// the sent hit's position in the last written queue file to a small journal beside it,
-/// "requests.ser.sent", and rewrites the queue file itself only when a burst of changes
-/// ends (the send loop goes idle, new hits were queued, the library shuts down), which
-/// empties the journal.
+/// "requests.ser.sent". The queue file itself is rewritten only when something else
+/// changes the queue (new hits were queued, the library shuts down after such a change),
+/// which empties the journal; the journal holds at most one entry per request of the file.
 ///
 /// Appends are not synced to the storage: a killed process leaves them in the page cache,
 /// where the next start reads them, so a kill resends at most the hit in flight. A power

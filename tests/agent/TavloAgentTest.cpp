@@ -297,7 +297,9 @@ TEST_F(TavloAgentFileTest, AProcessKilledAtAnySendResendsOnlyTheRequestInFlight)
     ASSERT_EQ(21u - i, levels.size()) << "killed while sending " << i;
     EXPECT_EQ(std::to_string(i), levels.front()) << "only the request in flight may be sent again";
   }
-  EXPECT_TRUE(levelsInFile().empty()) << "the file itself catches up once the drain ends";
+  agent->shutdown();
+  startAgent();
+  EXPECT_TRUE(agent->TEST_queue().empty()) << "the file and its journal say every hit was sent";
 }
 
 TEST_F(TavloAgentFileTest, TheSentJournalCountsOnlyForItsOwnFile) {
@@ -378,7 +380,6 @@ TEST_F(TavloAgentFileTest, HitsQueuedDuringAnExchangeReachTheFileAtOnceAndTakeTh
     visitsSent.push_back(url.substr(visit, url.find('&', visit) - visit));
   }
   EXPECT_EQ((std::vector<std::string>{"1", "1", "1", "2"}), visitsSent);
-  EXPECT_TRUE(levelsInFile().empty());
 }
 
 TEST_F(TavloAgentFileTest, TheFileIsReadOffTheCallersThreadAheadOfEveryHit) {
