@@ -36,7 +36,7 @@
 
    - Threads. Every function may be called from any thread, and a handle may be used by
      several threads at once, except that its release must be the last call on it. No
-     function blocks on the network, except tavlo_wait_for_pending_hits and
+     function blocks on the network, except tavlo_wait_for_pending_hits, tavlo_flush and
      tavlo_shutdown, which say how long they may wait.
 
    - Callbacks. Every callback receives, as its first argument, the void* user_data given
@@ -124,6 +124,81 @@ TAVLO_EXPORT uint8_t tavlo_wait_for_pending_hits(double timeout_seconds) TAVLO_C
    (at most its 10-second time-out), queued hits stay in the queue file for the next
    start, later hits are dropped. Idempotent. */
 TAVLO_EXPORT void tavlo_shutdown(void) TAVLO_C_NOEXCEPT;
+
+/* Consent, delivery counts and flushing (TavloDelivery.h). All opt-in: a program that
+   never calls them gets consent granted and no drop callback. */
+
+/* The viewer's consent (TavloConsent): granted sends as always; pending queues and keeps
+   hits but sends nothing; revoked empties the queue and its file and drops every later
+   hit. Kept across restarts beside the queue file. */
+enum { tavlo_consent_granted = 0, tavlo_consent_pending = 1, tavlo_consent_revoked = 2 };
+
+/* Sets the consent state, at once for hits already queued. With revoked and a non-zero
+   reset_device_identifier, the device identifier ("uid") is forgotten too. Returns 0
+   (and logs) for a value that is not a state. Starts the library. */
+TAVLO_EXPORT uint8_t tavlo_set_consent(int consent, uint8_t reset_device_identifier) TAVLO_C_NOEXCEPT;
+/* The consent state in force; may wait (at most a second) for the kept one to be read. */
+TAVLO_EXPORT int tavlo_consent(void) TAVLO_C_NOEXCEPT;
+
+/* Why a hit was dropped (TavloDropReason). */
+enum {
+  tavlo_drop_queue_full = 0,
+  tavlo_drop_access_refused = 1,
+  tavlo_drop_invalid_url = 2,
+  tavlo_drop_http_status = 3,
+  tavlo_drop_stale = 4,
+  tavlo_drop_discarded_at_reconnection = 5,
+  tavlo_drop_discarded_at_restart = 6,
+  tavlo_drop_consent = 7,
+  tavlo_drop_after_shutdown = 8,
+  tavlo_drop_reason_count = 9
+};
+/* A stable English name for a reason ("queue full", ...); "unknown" out of range. Static. */
+TAVLO_EXPORT const char* tavlo_drop_reason_name(int reason) TAVLO_C_NOEXCEPT;
+
+/** What became of the hits of one serial and request type since the library started. */
+typedef struct tavlo_delivery_counts {
+  const char* serial;       /**< "" for none; valid until tavlo_stats_free */
+  int64_t request_type;     /**< 0 audience, 1 streaming */
+  uint64_t queued;          /**< taken into the queue (also loaded from the file) */
+  uint64_t sent;            /**< answered with status 200 */
+  uint64_t dropped_in_all;  /**< dropped, whatever the reason */
+  uint64_t dropped[tavlo_drop_reason_count]; /**< dropped, by reason */
+} tavlo_delivery_counts;
+
+/* A snapshot of every serial's counts, to read with tavlo_stats_count and
+   tavlo_stats_entry and give back with tavlo_stats_free. Never NULL but on a failure. */
+typedef struct tavlo_stats_snapshot tavlo_stats_t;
+TAVLO_EXPORT tavlo_stats_t* tavlo_stats(void) TAVLO_C_NOEXCEPT;
+TAVLO_EXPORT size_t tavlo_stats_count(const tavlo_stats_t* stats) TAVLO_C_NOEXCEPT;
+/* Entry `index` (ordered by serial, then type), or NULL out of range. Owned by `stats`. */
+TAVLO_EXPORT const tavlo_delivery_counts* tavlo_stats_entry(const tavlo_stats_t* stats, size_t index) TAVLO_C_NOEXCEPT;
+/* The sum of every entry, serial "". */
+TAVLO_EXPORT tavlo_delivery_counts tavlo_stats_total(const tavlo_stats_t* stats) TAVLO_C_NOEXCEPT;
+TAVLO_EXPORT void tavlo_stats_free(tavlo_stats_t* stats) TAVLO_C_NOEXCEPT;
+
+/* Called once per dropped hit, on one of the library's threads (or the one handing the
+   hit over), with no lock of the library's held; serial is "" for none and valid only
+   during the call; http_status is the server's for tavlo_drop_http_status, else 0. It
+   must be quick and must not call tavlo_flush, tavlo_wait_for_pending_hits or
+   tavlo_shutdown. */
+typedef void (*tavlo_drop_fn)(void* user_data, const char* serial, int64_t request_type, int reason,
+                              long http_status);
+/* Sets (NULL: removes) the drop callback. Starts the library. */
+TAVLO_EXPORT void tavlo_set_drop_callback(tavlo_drop_fn callback, void* user_data) TAVLO_C_NOEXCEPT;
+
+/** What tavlo_flush did. */
+typedef struct tavlo_flush_result {
+  uint64_t sent;        /**< answered with status 200 during the flush */
+  uint64_t dropped;     /**< dropped during the flush, for any reason */
+  size_t still_queued;  /**< left in the queue */
+} tavlo_flush_result;
+
+/* Tries every queued hit once now, whatever the 60-second pause after a failed attempt,
+   until the queue is empty, an attempt gets no answer, or timeout_seconds have passed
+   (negative or NaN: 0; at most a day). Sends nothing while offline or without consent.
+   Blocks: not from a UI thread, nor from the drop callback. */
+TAVLO_EXPORT tavlo_flush_result tavlo_flush(double timeout_seconds) TAVLO_C_NOEXCEPT;
 
 /* Platform: what the application says about itself, before its first tagger. */
 

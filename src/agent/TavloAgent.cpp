@@ -84,7 +84,10 @@ void TavloAgent::start() {
   // The file is read on the handler, ahead of every hand-over: the application's first
   // tagger call never waits for the disk, and no hit can overtake the ones kept in it.
   requestHandler.async([weak] {
-    if (auto agent = weak.lock()) agent->loadRequests();
+    if (auto agent = weak.lock()) {
+      agent->loadRequests();
+      agent->ledger_.deliver();
+    }
   });
   requestSender.async([weak] {
     if (auto agent = weak.lock()) agent->handleRequests();
@@ -185,6 +188,7 @@ void TavloAgent::loadRequests() {
   }
   // Holding the lock, no other writer of this file is alive: what a killed one left is stale.
   platform_.files->removeLeftoverTemporaries(path);
+  readConsent(path);
 
   std::deque<std::shared_ptr<TavloRequest>> loaded;
   std::vector<const TavloRequest*> fileOrder;  // what the file holds, by position
@@ -221,7 +225,13 @@ void TavloAgent::loadRequests() {
         // Audience hits do not survive a restart, and neither does an old marker (its type
         // reads 0); hits the journal says were sent are not sent again.
         fileOrder.push_back(kept ? request.get() : nullptr);
-        if (kept) loaded.push_back(std::move(request));
+        if (request && !kept && !(position < sent.size() && sent[position])) {
+          ledger_.dropped(*request, TavloDropReason::DiscardedAtRestart);
+        }
+        if (kept) {
+          ledger_.queued(*request);
+          loaded.push_back(std::move(request));
+        }
       }
       // Loading keeps everything the file holds: the 500 cap applies when a request is added.
       if (!loaded.empty()) loaded.push_back(TavloClearCache::make());
@@ -243,6 +253,8 @@ void TavloAgent::loadRequests() {
   // Nothing was handed over yet (the hand-over waits behind this task), so the loaded
   // requests are the whole queue.
   requestQueue.insert(requestQueue.begin(), loaded.begin(), loaded.end());
+  // Left by a process killed between a revocation and the rewrite of its file.
+  if (consent() == TavloConsent::Revoked) purgeForConsent();
   publishQueueLength();
   signalLoop();
 }
@@ -355,6 +367,8 @@ bool TavloAgent::refusesOversized(const TavloRequest& request) {
                        std::to_string(bytes) + " bytes of parameters, more than the " +
                        std::to_string(maximumHitBytes) + " a hit may carry; it is dropped",
                    TavloLoggingModeError);
+  ledger_.dropped(request, TavloDropReason::InvalidURL);
+  ledger_.deliver();
   return true;
 }
 
@@ -363,18 +377,40 @@ void TavloAgent::addRequestToQueue(std::shared_ptr<TavloRequest> request) {
   handOver({HandOver::Enqueue, std::move(request)});
 }
 
-void TavloAgent::addRequestMadeByHandler(RequestMaker make) {
+void TavloAgent::addRequestMadeByHandler(RequestMaker make, TavloString serial, int64_t requestType) {
   if (!make) return;
-  handOver({HandOver::Enqueue, nullptr, std::move(make)});
+  HandOver item{HandOver::Enqueue, nullptr, std::move(make)};
+  item.serial = std::move(serial);
+  item.requestType = requestType;
+  handOver(std::move(item));
+}
+
+void TavloAgent::countDropped(const HandOver& item, TavloDropReason reason) {
+  if (item.kind != HandOver::Enqueue) return;
+  if (item.request) {
+    ledger_.dropped(*item.request, reason);
+  } else {
+    ledger_.dropped(item.serial, item.requestType, reason);
+  }
 }
 
 bool TavloAgent::handOver(HandOver item) {
   bool schedule = false;
   HandOver dropped{};  // released after the lock: freeing a hit's parameters takes a while
+  // A revoked consent drops a hit before it costs anything more; hits handed over before
+  // the revocation are in the hand-over ahead of it, and go when it is taken.
+  if (item.kind == HandOver::Enqueue && consent() == TavloConsent::Revoked) {
+    countDropped(item, TavloDropReason::Consent);
+    ledger_.deliver();
+    return false;
+  }
+  bool closed = false;
   {
     std::lock_guard lock(inboxProtector);
-    if (inboxClosed_) return false;
-    if (item.kind == HandOver::Enqueue && inboxRequests_ >= maximumHandOverBacklog) {
+    closed = inboxClosed_;
+    if (closed) {
+      countDropped(item, TavloDropReason::AfterShutdown);
+    } else if (item.kind == HandOver::Enqueue && inboxRequests_ >= maximumHandOverBacklog) {
       const auto oldest = std::find_if(inbox_.begin(), inbox_.end(),
                                        [](const HandOver& waiting) { return waiting.kind == HandOver::Enqueue; });
       dropped = std::move(*oldest);
@@ -382,12 +418,17 @@ bool TavloAgent::handOver(HandOver item) {
       --inboxRequests_;
       ++droppedAtHandOver_;
       ++droppedSinceLastTake_;
+      countDropped(dropped, TavloDropReason::QueueFull);
     }
-    if (item.kind == HandOver::Enqueue) ++inboxRequests_;
-    inbox_.push_back(std::move(item));
-    schedule = !inboxTakeScheduled_;
-    inboxTakeScheduled_ = true;
+    if (!closed) {
+      if (item.kind == HandOver::Enqueue) ++inboxRequests_;
+      inbox_.push_back(std::move(item));
+      schedule = !inboxTakeScheduled_;
+      inboxTakeScheduled_ = true;
+    }
   }
+  ledger_.deliver();
+  if (closed) return false;
   if (schedule) {
     std::weak_ptr<TavloAgent> weak = weak_from_this();
     requestHandler.async([weak] {
@@ -401,6 +442,7 @@ void TavloAgent::takeHandOver() {
   // Taken in small batches: what waits in the hand-over, what is being queued and the
   // queue itself are then all that is alive at once, however fast hits come.
   constexpr size_t kBatch = 16;
+  std::vector<std::pair<TavloConsent, bool>> consentChanges;  // the state, and whether to reset the identifier
   for (;;) {
     std::deque<HandOver> taken;
     uint64_t dropped = 0;
@@ -447,10 +489,36 @@ void TavloAgent::takeHandOver() {
         case HandOver::Wake:
           signalLoop();
           break;
+        case HandOver::ConsentChange:
+          if (item.consent == TavloConsent::Revoked) purgeForConsent();
+          consentChanges.emplace_back(item.consent, item.resetDeviceIdentifier);
+          signalLoop();
+          break;
       }
     }
   }
+  if (!consentChanges.empty()) {
+    // Kept beside the queue file: a restart goes on with the viewer's last word.
+    std::string path;
+    {
+      std::lock_guard lock(requestsProtector);
+      path = consentPath();
+    }
+    const TavloConsent last = consentChanges.back().first;
+    if (!path.empty()) {
+      const char* const words[] = {"granted\n", "pending\n", "revoked\n"};
+      if (const std::error_code error = platform_.files->writeFileAtomically(path, words[static_cast<int>(last)], 0600)) {
+        TavloLogger::log("Could not keep the consent state in " + TavloLogSafe(path) + " (" + error.message() +
+                             "); it holds for this process only",
+                         TavloLoggingModeError);
+      }
+    }
+    for (const auto& [consent, reset] : consentChanges) {
+      if (reset && consent == TavloConsent::Revoked) defaults_.uuidHandler().reset();
+    }
+  }
   persist();
+  ledger_.deliver();
 }
 
 void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
@@ -465,7 +533,11 @@ void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
     attachCachedAuth(*request);
   }
   requestQueue.push_back(request);
-  if (requestQueue.size() > kMaximumQueueLength) requestQueue.pop_front();
+  ledger_.queued(*request);
+  if (requestQueue.size() > kMaximumQueueLength) {
+    ledger_.dropped(*requestQueue.front(), TavloDropReason::QueueFull);
+    requestQueue.pop_front();
+  }
   publishQueueLength();
   saveRequests();
   logCount();
@@ -496,9 +568,61 @@ void TavloAgent::endAttempt() {
 void TavloAgent::purgeAudienceRequests() {
   // Audience hits kept while offline are stale once the network is back; the marker
   // goes with them (its type reads audience). The file is rewritten at the next change.
-  std::erase_if(requestQueue, [](const auto& queued) { return queued->requestType() == TavloRequestTypeAudience; });
+  std::erase_if(requestQueue, [this](const auto& queued) {
+    if (queued->requestType() != TavloRequestTypeAudience) return false;
+    ledger_.dropped(*queued, TavloDropReason::DiscardedAtReconnection);
+    return true;
+  });
   publishQueueLength();
   signalLoop();
+}
+
+void TavloAgent::purgeForConsent() {
+  if (requestQueue.empty()) return;
+  for (const auto& queued : requestQueue) ledger_.dropped(*queued, TavloDropReason::Consent);
+  TavloLogger::log("Consent revoked: " + std::to_string(requestQueue.size()) + " queued request(s) dropped",
+                   TavloLoggingModeInfo);
+  requestQueue.clear();
+  publishQueueLength();
+  saveRequests();
+}
+
+std::string TavloAgent::consentPath() const {
+  return queuePath_.empty() ? std::string() : queuePath_.substr(0, queuePath_.rfind('/') + 1) + "consent";
+}
+
+void TavloAgent::readConsent(const std::string& queuePath) {
+  std::string word;
+  const std::string path = queuePath.substr(0, queuePath.rfind('/') + 1) + "consent";
+  if (platform_.files->readFile(path, word, 64)) return;  // none kept: granted, as always
+  const std::string_view kept = std::string_view(word).substr(0, word.find('\n'));
+  int consent = -1;
+  if (kept == "granted") consent = static_cast<int>(TavloConsent::Granted);
+  if (kept == "pending") consent = static_cast<int>(TavloConsent::Pending);
+  if (kept == "revoked") consent = static_cast<int>(TavloConsent::Revoked);
+  if (consent < 0) {
+    TavloLogger::log("The consent file " + TavloLogSafe(path) + " says neither granted, pending nor revoked; "
+                     "consent is taken as pending until the application says otherwise",
+                     TavloLoggingModeError);
+    consent = static_cast<int>(TavloConsent::Pending);
+  }
+  // A word of this process's, said before the file could be read, is the newer.
+  if (!consentSetHere_.load()) consent_.store(consent);
+}
+
+void TavloAgent::setConsent(TavloConsent consent, bool resetDeviceIdentifier) {
+  if (static_cast<int>(consent) < 0 || static_cast<int>(consent) > 2) {
+    TavloLogger::log("Consent " + std::to_string(static_cast<int>(consent)) +
+                         " is not granted (0), pending (1) or revoked (2): ignored",
+                     TavloLoggingModeError);
+    return;
+  }
+  consentSetHere_.store(true);
+  consent_.store(static_cast<int>(consent));
+  HandOver change{HandOver::ConsentChange};
+  change.consent = consent;
+  change.resetDeviceIdentifier = resetDeviceIdentifier;
+  handOver(std::move(change));
 }
 
 void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& request) {
@@ -513,9 +637,11 @@ void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& req
 }
 
 bool TavloAgent::headIsSendable() {
-  if (requestQueue.empty() || !reachability_ || !reachability_->isReachable()) return false;
+  if (requestQueue.empty() || consent() != TavloConsent::Granted || !reachability_ || !reachability_->isReachable()) {
+    return false;
+  }
   const std::optional<TavloDate> lastFail = requestQueue.front()->lastFail();
-  return !lastFail || std::fabs(platform_.clock->now() - *lastFail) >= kRetryInterval;
+  return !lastFail || flushing_ || std::fabs(platform_.clock->now() - *lastFail) >= kRetryInterval;
 }
 
 void TavloAgent::handleRequests() {
@@ -527,6 +653,7 @@ void TavloAgent::handleRequests() {
     // thread for a removal: sending a hit costs no encode and no sync of the storage.
     if (removed) journalRemoval(removed.get());
     removed.reset();
+    ledger_.deliver();
     std::shared_ptr<TavloRequest> request;
     {
       std::unique_lock lock(requestsProtector);
@@ -549,7 +676,11 @@ void TavloAgent::handleRequests() {
       TavloLogger::log("Request to handle !", TavloLoggingModeInfo);
       request = requestQueue.front();
       if (request->isClearCacheMarker() || !isTheRequestValid(*request)) {
-        if (request->isClearCacheMarker()) authManager_->clearCache();
+        if (request->isClearCacheMarker()) {
+          authManager_->clearCache();
+        } else {
+          ledger_.dropped(*request, TavloDropReason::Stale);
+        }
         removeRequestFromQueue(request);
         removed = request;
         continue;
@@ -561,11 +692,12 @@ void TavloAgent::handleRequests() {
     if (TavloLogger::wouldLog(TavloLoggingModeInfo)) {
       TavloLogger::log("Handling request " + request->description(platform_.endpoints), TavloLoggingModeInfo);
     }
-    const std::optional<TavloError> error = handleRequest(request);
+    Outcome outcome;
+    const std::optional<TavloError> error = handleRequest(request, outcome);
     bool sendStop = false;
     {
       std::lock_guard lock(requestsProtector);
-      sendStop = finishAttempt(request, error);
+      sendStop = finishAttempt(request, error, outcome);
       if (std::find(requestQueue.begin(), requestQueue.end(), request) == requestQueue.end()) removed = request;
     }
     if (sendStop) {
@@ -579,7 +711,8 @@ void TavloAgent::handleRequests() {
   }
 }
 
-bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error) {
+bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error,
+                               const Outcome& outcome) {
   // The request is described as it was sent: with its authorisation and network name.
   const auto logOutcome = [&](const char* outcome, TavloLoggingMode mode) {
     if (TavloLogger::wouldLog(mode)) {
@@ -588,8 +721,22 @@ bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, con
   };
   if (error && (error->code == TavloErrorNotReachable || error->code == TavloErrorNoAnswer)) {
     logOutcome(" handling resulted in a timeout or lack of connection", TavloLoggingModeWarning);
-    if (requestQueue.size() > kMaximumQueueLength) removeRequestFromQueue(request);
+    // Tried once: a flush ends here, as the requests behind would fail alike.
+    flushing_ = false;
+    if (requestQueue.size() > kMaximumQueueLength) {
+      ledger_.dropped(*request, TavloDropReason::QueueFull);
+      removeRequestFromQueue(request);
+    }
     return false;
+  }
+  if (error) {
+    ledger_.dropped(*request, TavloDropReason::AccessRefused);
+  } else if (outcome.kind == Outcome::Sent) {
+    ledger_.sent(*request);
+  } else {
+    ledger_.dropped(*request,
+                    outcome.kind == Outcome::HttpStatus ? TavloDropReason::HttpStatus : TavloDropReason::InvalidURL,
+                    outcome.status);
   }
   logOutcome(" handling done", TavloLoggingModeInfo);
   removeRequestFromQueue(request);
@@ -597,6 +744,11 @@ bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, con
 }
 
 std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloRequest>& request) {
+  Outcome ignored;
+  return handleRequest(request, ignored);
+}
+
+std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloRequest>& request, Outcome& outcome) {
   if (!request) return std::nullopt;
   const auto recordFailure = [&] {
     request->setNumberOfFails(request->numberOfFails() + 1);
@@ -634,6 +786,7 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
   const TavloString url = request->url(reachability_->currentReachabilityStatus(),
                                        timeIntervalBetweenServerAndDevice(), platform_.endpoints);
   const auto invalidParameters = [&] {
+    outcome.kind = Outcome::InvalidURL;
     TavloLogger::log("Request " + request->description(platform_.endpoints) +
                          " was not sent because of invalid parameters",
                      TavloLoggingModeError);
@@ -670,6 +823,7 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
     if (!sent.empty()) TavloLogger::log(sent, TavloLoggingModeInfo);
   }
   // Any other status: done, dropped without a retry.
+  outcome = *response.status == 200 ? Outcome{Outcome::Sent, 200} : Outcome{Outcome::HttpStatus, *response.status};
   return std::nullopt;
 }
 
@@ -719,6 +873,16 @@ size_t TavloAgent::pendingRequestCount() {
   return queueLength_;
 }
 
+namespace {
+std::chrono::steady_clock::time_point deadlineIn(double seconds) {
+  // A wait that is not a number, or negative, is no wait; an absurdly long one is a day.
+  if (!(seconds > 0)) seconds = 0;
+  seconds = std::min(seconds, 86400.0);
+  return std::chrono::steady_clock::now() +
+         std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
+}
+}  // namespace
+
 bool TavloAgent::waitForHandler(std::chrono::steady_clock::time_point deadline) {
   auto handled = std::make_shared<std::promise<void>>();
   if (!requestHandler.async([handled] { handled->set_value(); })) return true;
@@ -726,15 +890,37 @@ bool TavloAgent::waitForHandler(std::chrono::steady_clock::time_point deadline) 
 }
 
 bool TavloAgent::waitUntilQueueEmpty(double seconds) {
-  // A wait that is not a number, or negative, is no wait; an absurdly long one is a day.
-  if (!(seconds > 0)) seconds = 0;
-  seconds = std::min(seconds, 86400.0);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                                              std::chrono::duration<double>(seconds));
+  const auto deadline = deadlineIn(seconds);
   // Hits handed over just before this call may still be on their way into the queue.
   if (!waitForHandler(deadline)) return false;
   std::unique_lock lock(queueLengthProtector);
   return queueLengthChanged.wait_until(lock, deadline, [&] { return queueLength_ == 0; });
+}
+
+TavloConsent TavloAgent::consentOnceRead() {
+  waitForHandler(deadlineIn(1));
+  return consent();
+}
+
+TavloFlushResult TavloAgent::flush(double seconds) {
+  const auto deadline = deadlineIn(seconds);
+  std::lock_guard one(flushProtector);
+  const auto [sentBefore, droppedBefore] = ledger_.totals();
+  if (waitForHandler(deadline)) {  // hits handed over before the call are part of it
+    std::unique_lock lock(requestsProtector);
+    flushing_ = true;
+    signalLoop();
+    requestsCondition.wait_until(lock, deadline, [&] {
+      return stopping_ || (loopWaiting_ && signalsSeen_ == signalsSent_ && !headIsSendable());
+    });
+    flushing_ = false;
+  }
+  TavloFlushResult result;
+  const auto [sentAfter, droppedAfter] = ledger_.totals();
+  result.sent = sentAfter - sentBefore;
+  result.dropped = droppedAfter - droppedBefore;
+  result.stillQueued = pendingRequestCount();
+  return result;
 }
 
 std::deque<std::shared_ptr<TavloRequest>> TavloAgent::TEST_queue() {

@@ -1,6 +1,7 @@
 // The process-wide dispatcher of measurement hits.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -15,12 +16,14 @@
 #include <vector>
 
 #include "agent/TavloDefaultParameters.h"
+#include "agent/TavloDeliveryLedger.h"
 #include "agent/TavloSerialQueue.h"
 #include "auth/TavloAuthManager.h"
 #include "identity/TavloTaggerIdentifier.h"
 #include "platform/TavloNotificationCenter.h"
 #include "platform/TavloReachability.h"
 #include "request/TavloRequest.h"
+#include "tavlo/TavloDelivery.h"
 #include "tavlo/platform/TavloPlatform.h"
 
 class TavloAudienceTagger;
@@ -136,15 +139,25 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// caller only pays for its capture: the dictionary is built, and its memory taken and
   /// later freed, on the agent's thread. Requests keep the order of hand-over either way.
   using RequestMaker = std::function<std::shared_ptr<TavloRequest>(TavloAgent&)>;
-  void addRequestMadeByHandler(RequestMaker make);
+  /// `serial` and `requestType` say whose hit it will be, for the delivery counts of a hit
+  /// dropped before it is made.
+  void addRequestMadeByHandler(RequestMaker make, TavloString serial = std::nullopt,
+                               int64_t requestType = TavloRequestTypeAudience);
   /// Whether `request` is too large to ever be sent (more than `maximumHitBytes`); says so
-  /// at error level. For a caller that checks before handing a made request over.
+  /// at error level and counts the drop. For a caller that checks before handing a made
+  /// request over, holding no lock of the agent's.
   bool refusesOversized(const TavloRequest& request);
   std::string requestsFilePath();
 
   // Sending.
   /// One attempt: nothing when done (sent, dropped as invalid, answered with any status).
   std::optional<TavloError> handleRequest(const std::shared_ptr<TavloRequest>& request);
+  /// How an attempt that returned nothing ended, for the delivery counts.
+  struct Outcome {
+    enum Kind { Sent, HttpStatus, InvalidURL } kind = Sent;
+    long status = 0;
+  };
+  std::optional<TavloError> handleRequest(const std::shared_ptr<TavloRequest>& request, Outcome& outcome);
   /// Whether a request is fresh enough to send (server time, Gregorian calendar in the
   /// device's time zone): anything created no more than 5 s ahead of now is; beyond that,
   /// only a request of the same calendar day.
@@ -185,6 +198,18 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// Requests dropped because they were handed over faster than the queue took them.
   uint64_t droppedAtHandOverCount();
 
+  // Consent, delivery counts and flushing (see tavlo/TavloDelivery.h).
+  /// Takes effect at once for hand-overs and sending; the queue is emptied (revoked) and
+  /// the state written beside the queue file on "TavloRequestHandler", in hand-over order.
+  void setConsent(TavloConsent consent, bool resetDeviceIdentifier = false);
+  TavloConsent consent() const { return static_cast<TavloConsent>(consent_.load()); }
+  /// The consent state, once the state kept from an earlier run was read (waits for that
+  /// read, at most a second).
+  TavloConsent consentOnceRead();
+  TavloDeliveryLedger& ledger() { return ledger_; }
+  /// Tries every queued request once, ignoring the retry pause; see TavloFlush.
+  TavloFlushResult flush(double seconds);
+
   /// A snapshot of the queue, oldest first. For tests and tools.
   std::deque<std::shared_ptr<TavloRequest>> TEST_queue();
   /// Waits until both queues are idle and the send loop sleeps, up to `seconds` of real
@@ -199,13 +224,19 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// kept in the order they came so that a reaction sees exactly the requests handed
   /// over before it.
   struct HandOver {
-    enum Kind { Enqueue, ReconnectionPurge, Wake };
+    enum Kind { Enqueue, ReconnectionPurge, Wake, ConsentChange };
     HandOver(Kind kind = Enqueue, std::shared_ptr<TavloRequest> request = nullptr, RequestMaker make = nullptr)
         : kind(kind), request(std::move(request)), make(std::move(make)) {}
     Kind kind;
     std::shared_ptr<TavloRequest> request;
     RequestMaker make;  // an Enqueue whose request is made when it is taken
+    TavloString serial;  // whose hit `make` makes, for the counts of a drop before it runs
+    int64_t requestType = TavloRequestTypeAudience;
+    TavloConsent consent = TavloConsent::Granted;  // a ConsentChange's
+    bool resetDeviceIdentifier = false;            // a ConsentChange's
   };
+  /// Counts `item`'s hit as dropped for `reason`. REQUIRES: no lock but inboxProtector.
+  void countDropped(const HandOver& item, TavloDropReason reason);
 
   TavloAgent(const TavloPlatform& platform, std::shared_ptr<TavloAuthManager> authManager,
              std::shared_ptr<TavloNotificationCenter> center);
@@ -232,7 +263,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void handleRequests();
   /// Records the outcome of one attempt; true when the request is to be sent once more as
   /// a stop event. REQUIRES: requestsProtector held.
-  bool finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error);
+  bool finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error,
+                     const Outcome& outcome);
   void logCount();                                                       // REQUIRES: requestsProtector held
 
   /// Puts `item` into the hand-over and makes sure "TavloRequestHandler" will take it;
@@ -242,6 +274,11 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void takeHandOver();
   void enqueue(const std::shared_ptr<TavloRequest>& request);  // REQUIRES: requestsProtector held
   void purgeAudienceRequests();                                // REQUIRES: requestsProtector held
+  /// Empties the queue for a revoked consent. REQUIRES: requestsProtector held.
+  void purgeForConsent();
+  /// Where the consent state is kept: beside the queue file, or nowhere.
+  std::string consentPath() const;  // REQUIRES: requestsProtector held
+  void readConsent(const std::string& queuePath);  // on requestHandler only, at start
   /// Gives a queued request the cached authorisation, and forgets it for a request that
   /// renews its session. REQUIRES: requestsProtector held.
   void attachCachedAuth(TavloRequest& request);
@@ -295,6 +332,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   bool stopping_ = false;                                 // guarded by requestsProtector
   bool loopWaiting_ = false;                              // guarded by requestsProtector
   bool attemptInFlight_ = false;                          // guarded by requestsProtector
+  bool flushing_ = false;  // guarded by requestsProtector: the retry pause is ignored
   std::vector<std::shared_ptr<TavloRequest>> awaitingAuth_;  // guarded by requestsProtector
   uint64_t signalsSent_ = 0;                              // guarded by requestsProtector
   uint64_t signalsSeen_ = 0;                              // guarded by requestsProtector
@@ -306,6 +344,11 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::mutex queueLengthProtector;
   std::condition_variable queueLengthChanged;  // signalled under queueLengthProtector
   size_t queueLength_ = 0;                     // guarded by queueLengthProtector
+
+  std::atomic<int> consent_{static_cast<int>(TavloConsent::Granted)};
+  std::atomic<bool> consentSetHere_{false};  // set by this process: what the file says is older
+  std::mutex flushProtector;                 // one flush at a time; never taken by the agent's threads
+  TavloDeliveryLedger ledger_;
 
   std::mutex partialIDLocker;
   uint64_t partialID_ = 0;  // guarded by partialIDLocker

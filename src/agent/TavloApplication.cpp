@@ -1,4 +1,5 @@
 #include "tavlo/TavloApplication.h"
+#include "tavlo/TavloDelivery.h"
 
 #include "agent/TavloAgent.h"
 #include "platform/TavloLogger.h"
@@ -24,4 +25,34 @@ int64_t TavloGetLoggingMode() { return TavloLogger::sharedLogger().loggingMode()
 
 void TavloShutdown() {
   if (const std::shared_ptr<TavloAgent> agent = TavloAgent::sharedAgentIfMade()) agent->shutdown();
+}
+
+void TavloSetConsent(TavloConsent consent, bool resetDeviceIdentifier) {
+  TavloAgent::sharedAgent()->setConsent(consent, resetDeviceIdentifier);
+}
+
+TavloConsent TavloGetConsent() { return TavloAgent::sharedAgent()->consentOnceRead(); }
+
+const char* TavloConsentName(TavloConsent consent) {
+  switch (consent) {
+    case TavloConsent::Granted:
+      return "granted";
+    case TavloConsent::Pending:
+      return "pending";
+    case TavloConsent::Revoked:
+      return "revoked";
+  }
+  return "unknown";
+}
+
+std::vector<TavloDeliveryCounts> TavloDeliveryStats() {
+  const std::shared_ptr<TavloAgent> agent = TavloAgent::sharedAgentIfMade();
+  return agent ? agent->ledger().counts() : std::vector<TavloDeliveryCounts>{};
+}
+
+void TavloSetDropHandler(TavloDropHandler handler) { TavloAgent::sharedAgent()->ledger().setHandler(std::move(handler)); }
+
+TavloFlushResult TavloFlush(double timeoutSeconds) {
+  const std::shared_ptr<TavloAgent> agent = TavloAgent::sharedAgentIfMade();
+  return agent ? agent->flush(timeoutSeconds) : TavloFlushResult{};
 }

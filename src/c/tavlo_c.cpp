@@ -9,11 +9,13 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/TavloAgent.h"
 #include "platform/TavloLogger.h"
 #include "tavlo/TavloApplication.h"
 #include "tavlo/TavloAudienceTagger.h"
+#include "tavlo/TavloDelivery.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/TavloVersion.h"
 #include "tavlo/platform/TavloPlatform.h"
@@ -260,6 +262,105 @@ uint8_t tavlo_wait_for_pending_hits(double timeout_seconds) noexcept {
 
 void tavlo_shutdown(void) noexcept {
   guard("tavlo_shutdown", [] { TavloShutdown(); });
+}
+
+// Consent, delivery counts, flushing.
+
+uint8_t tavlo_set_consent(int consent, uint8_t reset_device_identifier) noexcept {
+  return guard("tavlo_set_consent", uint8_t{0}, [&] {
+    if (consent < tavlo_consent_granted || consent > tavlo_consent_revoked) {
+      logError("tavlo_set_consent", ("Consent " + std::to_string(consent) +
+                                     " is not granted (0), pending (1) or revoked (2): nothing done")
+                                        .c_str());
+      return uint8_t{0};
+    }
+    TavloSetConsent(static_cast<TavloConsent>(consent), reset_device_identifier != 0);
+    return uint8_t{1};
+  });
+}
+
+int tavlo_consent(void) noexcept {
+  return guard("tavlo_consent", static_cast<int>(tavlo_consent_granted), [] { return static_cast<int>(TavloGetConsent()); });
+}
+
+const char* tavlo_drop_reason_name(int reason) noexcept {
+  if (reason < 0 || reason >= tavlo_drop_reason_count) return "unknown";
+  return TavloDropReasonName(static_cast<TavloDropReason>(reason));
+}
+
+struct tavlo_stats_snapshot {
+  std::vector<TavloDeliveryCounts> counts;
+  std::vector<tavlo_delivery_counts> entries;  // pointing into `counts`
+};
+
+namespace {
+tavlo_delivery_counts toC(const TavloDeliveryCounts& counts) {
+  tavlo_delivery_counts entry{};
+  entry.serial = counts.serial.c_str();
+  entry.request_type = counts.requestType;
+  entry.queued = counts.queued;
+  entry.sent = counts.sent;
+  entry.dropped_in_all = counts.droppedInAll();
+  static_assert(tavlo_drop_reason_count == kTavloDropReasonCount, "the C reasons mirror the C++ ones");
+  for (size_t reason = 0; reason < kTavloDropReasonCount; ++reason) entry.dropped[reason] = counts.dropped[reason];
+  return entry;
+}
+}  // namespace
+
+tavlo_stats_t* tavlo_stats(void) noexcept {
+  return guard("tavlo_stats", static_cast<tavlo_stats_t*>(nullptr), [] {
+    auto stats = std::make_unique<tavlo_stats_snapshot>();
+    stats->counts = TavloDeliveryStats();
+    for (const TavloDeliveryCounts& counts : stats->counts) stats->entries.push_back(toC(counts));
+    return stats.release();
+  });
+}
+
+size_t tavlo_stats_count(const tavlo_stats_t* stats) noexcept {
+  return given(stats, "tavlo_stats_count", "statistics") ? stats->entries.size() : 0;
+}
+
+const tavlo_delivery_counts* tavlo_stats_entry(const tavlo_stats_t* stats, size_t index) noexcept {
+  if (!given(stats, "tavlo_stats_entry", "statistics")) return nullptr;
+  if (index >= stats->entries.size()) {
+    logError("tavlo_stats_entry", ("Index " + std::to_string(index) + " is out of range: nothing done").c_str());
+    return nullptr;
+  }
+  return &stats->entries[index];
+}
+
+tavlo_delivery_counts tavlo_stats_total(const tavlo_stats_t* stats) noexcept {
+  tavlo_delivery_counts total{};
+  total.serial = "";
+  if (!given(stats, "tavlo_stats_total", "statistics")) return total;
+  for (const tavlo_delivery_counts& entry : stats->entries) {
+    total.queued += entry.queued;
+    total.sent += entry.sent;
+    total.dropped_in_all += entry.dropped_in_all;
+    for (size_t reason = 0; reason < kTavloDropReasonCount; ++reason) total.dropped[reason] += entry.dropped[reason];
+  }
+  return total;
+}
+
+void tavlo_stats_free(tavlo_stats_t* stats) noexcept { delete stats; }
+
+void tavlo_set_drop_callback(tavlo_drop_fn callback, void* user_data) noexcept {
+  guard("tavlo_set_drop_callback", [&] {
+    if (!callback) {
+      TavloSetDropHandler(nullptr);
+      return;
+    }
+    TavloSetDropHandler([callback, user_data](const TavloDroppedHit& drop) {
+      callback(user_data, drop.serial.c_str(), drop.requestType, static_cast<int>(drop.reason), drop.httpStatus);
+    });
+  });
+}
+
+tavlo_flush_result tavlo_flush(double timeout_seconds) noexcept {
+  return guard("tavlo_flush", tavlo_flush_result{}, [&] {
+    const TavloFlushResult done = TavloFlush(timeout_seconds);
+    return tavlo_flush_result{done.sent, done.dropped, done.stillQueued};
+  });
 }
 
 // Platform.

@@ -450,7 +450,7 @@ void TavloStreamingTagger::Impl::drainOutbox(TavloAgent& agent) {
       agent.addRequestMadeByHandler([request](TavloAgent&) {
         request->copyParametersOnThisThread();
         return request;
-      });
+      }, request->serial(), TavloRequestTypeStreaming);
     }
     lock.lock();
   }

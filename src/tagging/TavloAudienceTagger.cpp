@@ -114,6 +114,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   if (properties.useIDFA) capture(did, "did");
   TavloForEachSharedHitParameter(properties, theCustomerData, capture);
 
+  TavloString countedAs = mySerial;  // whose hit a drop before it is made counts against
   agent->addRequestMadeByHandler([values = std::move(values), draw = std::move(draw), serial = std::move(mySerial),
                                   taggerID = impl_->taggerID_, now](TavloAgent& agent) mutable {
     TavloParameters parameters = agent.defaultParametersWith(std::move(draw));
@@ -122,5 +123,5 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
     return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
                                                     TavloRequestTypeAudience, TavloSendingModeLive, std::move(serial),
                                                     std::move(taggerID), now);
-  });
+  }, std::move(countedAs), TavloRequestTypeAudience);
 }
