@@ -220,6 +220,63 @@ TAVLO_EXPORT uint8_t tavlo_platform_set_application(tavlo_platform_t* platform, 
 TAVLO_EXPORT uint8_t tavlo_platform_set_endpoints_base_url(tavlo_platform_t* platform,
                                                            const char* base_url) TAVLO_C_NOEXCEPT;
 
+/* Sends each kind of request to its own base URL (TavloEndpoints): authorisation
+   requests, audience collection, streaming collection, and the second collection. Each
+   URL is checked as tavlo_platform_set_endpoints_base_url checks its one; NULL keeps
+   that endpoint as it is (the built-in one, or the base URL set before). Returns 0 and
+   changes nothing when any URL given is unusable. */
+TAVLO_EXPORT uint8_t tavlo_platform_set_endpoints(tavlo_platform_t* platform, const char* authorisation,
+                                                  const char* audience_collection,
+                                                  const char* streaming_collection,
+                                                  const char* second_collection) TAVLO_C_NOEXCEPT;
+
+/* The folder that holds the request queue and the device identifier, in place of
+   $XDG_DATA_HOME or ~/.local/share: for a service, which may have no home. NULL goes
+   back to the default. Returns 0 and changes nothing unless `path` is absolute and has
+   no control character. */
+TAVLO_EXPORT uint8_t tavlo_platform_set_data_directory(tavlo_platform_t* platform, const char* path) TAVLO_C_NOEXCEPT;
+
+/* The CA certificates HTTPS servers are verified against: a PEM bundle file, a
+   directory of hashed certificates, or both (either may be NULL). With both NULL the
+   environment decides again: CURL_CA_BUNDLE, else SSL_CERT_FILE, and SSL_CERT_DIR, else
+   libcurl's built-in bundle. Returns 0 and changes nothing when either holds a control
+   character. A file that cannot be read shows at the first HTTPS request, as an ERROR
+   line that names it. */
+TAVLO_EXPORT uint8_t tavlo_platform_set_ca_certificates(tavlo_platform_t* platform, const char* bundle_file,
+                                                        const char* directory) TAVLO_C_NOEXCEPT;
+
+/* The proxy every request goes through ("http://proxy.local:3128"), whatever
+   http_proxy and https_proxy say; no_proxy still applies. NULL goes back to the
+   environment's proxy variables. Returns 0 and changes nothing unless `proxy` is
+   non-empty printable ASCII without spaces. */
+TAVLO_EXPORT uint8_t tavlo_platform_set_proxy(tavlo_platform_t* platform, const char* proxy) TAVLO_C_NOEXCEPT;
+
+/* Receives one log line: its level (tavlo_logging_info, tavlo_logging_warning or
+   tavlo_logging_error) and its text, NUL-terminated, valid only during the call, without
+   a trailing line feed. Called from any thread, possibly from several at once; it must
+   not call into the library. */
+typedef void (*tavlo_log_fn)(void* user_data, int level, const char* line);
+/* Lets go of user_data: called exactly once, after the last call of the callback it was
+   given with. */
+typedef void (*tavlo_release_fn)(void* user_data);
+
+/* Sends the library's log lines to `log` instead of standard error; with `log` NULL,
+   back to standard error. Every line goes there: the ones the logging threshold lets
+   through, and the streaming hit dumps and device-identifier store lines, which come
+   whatever the threshold. `release` (when not NULL) runs exactly once, after the last
+   call of `log`, once nothing holds it: at once when `log` or `platform` is NULL, when
+   it is replaced on this handle, or when the handle is destroyed without having been
+   installed. Once installed, the running library keeps the callback for the rest of the
+   process, so its user_data must stay valid until exit. */
+TAVLO_EXPORT void tavlo_platform_set_log_callback(tavlo_platform_t* platform, tavlo_log_fn log,
+                                                  tavlo_release_fn release, void* user_data) TAVLO_C_NOEXCEPT;
+
+/* Sends the library's log lines to syslog(3), at LOG_INFO, LOG_WARNING or LOG_ERR by
+   their level, with `facility` (LOG_USER, LOG_DAEMON, LOG_LOCAL0 ...; 0 keeps the
+   process's, which openlog sets and is LOG_USER by default). The library never calls
+   openlog. Returns 0 and changes nothing for a value that is not a facility. */
+TAVLO_EXPORT uint8_t tavlo_platform_set_log_syslog(tavlo_platform_t* platform, int facility) TAVLO_C_NOEXCEPT;
+
 /* Makes the library use this platform (TavloPlatform::install). The handle is copied: it
    may be destroyed at once. Returns 1 when installed; 0, installing nothing, once the
    library has started (after the first tagger), since the running library keeps the
@@ -334,9 +391,8 @@ TAVLO_EXPORT void tavlo_streaming_tagger_notify_event_at(tavlo_streaming_tagger_
 /* Answers the player's current position: stores it in *position and returns non-zero,
    or returns 0 when it cannot tell (the position is then taken as unknown). */
 typedef uint8_t (*tavlo_position_fn)(void* user_data, int64_t* position);
-/* Lets go of user_data: called exactly once, after the last call of its position
-   callback. */
-typedef void (*tavlo_release_fn)(void* user_data);
+/* tavlo_release_fn, declared with the platform above, lets go of user_data: called
+   exactly once, after the last call of its position callback. */
 
 /* Makes `position` the tagger's source of positions (the C++ delegate), replacing the
    previous one, whose release then runs. It is called on the thread that notifies an

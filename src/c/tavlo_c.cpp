@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "agent/TavloAgent.h"
@@ -208,22 +209,76 @@ struct tavlo_streaming_config_t {
   TavloStreamingConfig* rep;  // lives as long as the configuration callback runs
 };
 
+namespace {
+// A C program's log callback as a sink. Its release runs with the sink's destruction,
+// that is once the last holder (the platform handle, the installed platform, a line being
+// written on some thread) lets go, so always after the last call.
+class CallbackLogSink final : public TavloLogSink {
+ public:
+  CallbackLogSink(tavlo_log_fn log, tavlo_release_fn release, void* userData)
+      : log_(log), release_(release), userData_(userData) {}
+  ~CallbackLogSink() override {
+    if (!release_) return;
+    try {
+      release_(userData_);
+    } catch (...) {
+      // Nowhere to report it: the sink that would carry the line is this one.
+    }
+  }
+  CallbackLogSink(const CallbackLogSink&) = delete;
+  CallbackLogSink& operator=(const CallbackLogSink&) = delete;
+
+  void writeLine(std::string_view line, TavloLogLevel level) override {
+    try {
+      const std::string text(line);  // NUL-terminated for C
+      log_(userData_, static_cast<int>(level), text.c_str());
+    } catch (...) {
+      // A line the callback could not take is lost; it must not end the library's thread.
+    }
+  }
+
+ private:
+  const tavlo_log_fn log_;
+  const tavlo_release_fn release_;
+  void* const userData_;
+};
+}  // namespace
+
 /// A platform as a C program describes it: only what the C interface lets it set. The
 /// TavloPlatform itself is built when installed, because the Linux device information
 /// takes the application's name and version at construction.
 struct tavlo_platform_t {
   TavloApplicationInfo application;
-  /// Every endpoint at this base; the built-in endpoints while absent.
-  TavloString endpointsBaseURL;
+  TavloEndpoints endpoints = TavloEndpoints::compiledDefaults();
+  TavloLinuxOptions options;
+  /// The sink chosen with tavlo_platform_set_log_callback or _syslog; standard error while empty.
+  std::shared_ptr<TavloLogSink> logSink;
 };
 
 namespace {
 // The platform tavlo_platform_install installs for `platform`: the Linux defaults with
-// the application's name and version, and the endpoints it chose.
+// the application's name and version and the deployment's options, and the endpoints
+// and log it chose.
 TavloPlatform TavloPlatformFromC(const tavlo_platform_t& platform) {
-  TavloPlatform installed = TavloPlatform::linuxDefaults(platform.application);
-  if (platform.endpointsBaseURL) installed.endpoints = TavloEndpoints::allAt(*platform.endpointsBaseURL);
+  TavloPlatform installed = TavloPlatform::linuxDefaults(platform.application, platform.options);
+  installed.endpoints = platform.endpoints;
+  if (platform.logSink) installed.logSink = platform.logSink;
   return installed;
+}
+
+// Printable ASCII, no space: a proxy's URL as libcurl takes it.
+bool isUsableProxy(const char* proxy) {
+  if (proxy == nullptr || *proxy == '\0') return false;
+  for (const char* c = proxy; *c; ++c) {
+    if (*c <= ' ' || *c > '~') return false;
+  }
+  return true;
+}
+
+// A base URL with the trailing slashes dropped, as TavloEndpoints::allAt drops them.
+std::string withoutTrailingSlashes(std::string url) {
+  while (!url.empty() && url.back() == '/') url.pop_back();
+  return url;
 }
 }  // namespace
 
@@ -395,7 +450,112 @@ uint8_t tavlo_platform_set_endpoints_base_url(tavlo_platform_t* platform, const 
       logError(kFunction, "The base URL is not an http or https address: the endpoints stay as they were");
       return 0;
     }
-    platform->endpointsBaseURL = std::string(base_url);
+    platform->endpoints = TavloEndpoints::allAt(base_url);
+    return 1;
+  });
+}
+
+uint8_t tavlo_platform_set_endpoints(tavlo_platform_t* platform, const char* authorisation,
+                                     const char* audience_collection, const char* streaming_collection,
+                                     const char* second_collection) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_endpoints";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    const std::pair<const char*, std::string TavloEndpoints::*> endpoints[] = {
+        {authorisation, &TavloEndpoints::authorisation},
+        {audience_collection, &TavloEndpoints::audienceCollection},
+        {streaming_collection, &TavloEndpoints::streamingCollection},
+        {second_collection, &TavloEndpoints::secondCollection}};
+    TavloEndpoints chosen = platform->endpoints;
+    for (const auto& [url, endpoint] : endpoints) {
+      if (url == nullptr) continue;
+      if (!isUsableBaseURL(url)) {
+        logError(kFunction, "An endpoint is not an http or https address: the endpoints stay as they were");
+        return 0;
+      }
+      chosen.*endpoint = withoutTrailingSlashes(url);
+    }
+    platform->endpoints = std::move(chosen);
+    return 1;
+  });
+}
+
+uint8_t tavlo_platform_set_data_directory(tavlo_platform_t* platform, const char* path) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_data_directory";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    if (path != nullptr && (path[0] != '/' || hasControlCharacter(path))) {
+      logError(kFunction, "The data directory is not an absolute path without control characters: it stays as it was");
+      return 0;
+    }
+    platform->options.dataDirectory = path ? path : "";
+    return 1;
+  });
+}
+
+uint8_t tavlo_platform_set_ca_certificates(tavlo_platform_t* platform, const char* bundle_file,
+                                           const char* directory) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_ca_certificates";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    if (hasControlCharacter(bundle_file) || hasControlCharacter(directory)) {
+      logError(kFunction, "A CA certificate path holds a control character: the CA certificates stay as they were");
+      return 0;
+    }
+    platform->options.caBundleFile = bundle_file ? bundle_file : "";
+    platform->options.caBundleDirectory = directory ? directory : "";
+    return 1;
+  });
+}
+
+uint8_t tavlo_platform_set_proxy(tavlo_platform_t* platform, const char* proxy) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_proxy";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    if (proxy != nullptr && !isUsableProxy(proxy)) {
+      logError(kFunction, "The proxy is empty or holds a space or a byte outside printable ASCII: it stays as it was");
+      return 0;
+    }
+    platform->options.proxy = proxy ? proxy : "";
+    return 1;
+  });
+}
+
+void tavlo_platform_set_log_callback(tavlo_platform_t* platform, tavlo_log_fn log, tavlo_release_fn release,
+                                     void* user_data) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_log_callback";
+  // From here on the release is ours to call, whatever happens below.
+  std::shared_ptr<CallbackLogSink> sink;
+  try {
+    sink = std::make_shared<CallbackLogSink>(log, release, user_data);
+  } catch (...) {
+    logError(kFunction, "No memory for the callback: it is released unused");
+    if (release) {
+      try {
+        release(user_data);
+      } catch (...) {
+      }
+    }
+    return;
+  }
+  if (!given(platform, kFunction, "platform")) return;  // `sink` goes, and releases
+  guard(kFunction, [&] {
+    std::shared_ptr<TavloLogSink> previous = std::move(platform->logSink);
+    if (log != nullptr) platform->logSink = std::move(sink);
+    // `previous`, and `sink` when it has no log to call, release here.
+  });
+}
+
+uint8_t tavlo_platform_set_log_syslog(tavlo_platform_t* platform, int facility) noexcept {
+  static constexpr const char* kFunction = "tavlo_platform_set_log_syslog";
+  if (!given(platform, kFunction, "platform")) return 0;
+  return guard(kFunction, uint8_t{0}, [&]() -> uint8_t {
+    std::shared_ptr<TavloLogSink> sink = TavloPlatform::syslogLogSink(facility);
+    if (!sink) {
+      logError(kFunction, ("Facility " + std::to_string(facility) + " is not a syslog facility: the log stays as it was").c_str());
+      return 0;
+    }
+    platform->logSink = std::move(sink);
     return 1;
   });
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -9,6 +10,7 @@
 #include <string_view>
 
 #include "linux/TavloHttpLimits.h"
+#include "platform/TavloLogger.h"
 #include "util/TavloLogSafe.h"
 
 namespace {
@@ -243,6 +245,36 @@ bool isLocalRefusal(CURLcode code, const Exchange& exchange, const TavloHttpRequ
   }
 }
 
+// The failures that come from certificates (the server's, ours, or the CA certificates
+// they are checked against) rather than from the network.
+bool isCertificateFailure(CURLcode code) {
+  switch (code) {
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// The URL's scheme and authority: the server, without the hit's parameters.
+std::string serverOf(const std::string& url) {
+  const std::size_t schemeEnd = url.find("://");
+  const std::size_t start = schemeEnd == std::string::npos ? 0 : schemeEnd + 3;
+  return url.substr(0, std::min(url.size(), url.find_first_of("/?#", start)));
+}
+
+// A variable of the environment, or "" when unset.
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
 std::string transportError(CURLcode code, const Exchange& exchange, const char* details) {
   if (exchange.bodyTooLarge || code == CURLE_FILESIZE_EXCEEDED) {
     return "response body larger than " + std::to_string(exchange.maxBodyBytes) + " bytes; transfer abandoned";
@@ -283,7 +315,45 @@ class TavloCurlHttpClient::HandleLease {
   CURL* const handle;
 };
 
-TavloCurlHttpClient::TavloCurlHttpClient(std::size_t maxBodyBytes) : maxBodyBytes(maxBodyBytes) {}
+TavloCurlHttpClient::Settings TavloCurlHttpClient::Settings::from(const TavloLinuxOptions& options) {
+  Settings settings;
+  settings.proxy = options.proxy;
+  if (!options.caBundleFile.empty() || !options.caBundleDirectory.empty()) {
+    settings.caFile = options.caBundleFile;
+    settings.caDirectory = options.caBundleDirectory;
+    settings.caSource = "set by the application";
+    return settings;
+  }
+  // curl's own tool reads the same variables; OpenSSL's alone would be bypassed by the
+  // default bundle libcurl sets on every handle.
+  const char* fileVariable = "CURL_CA_BUNDLE";
+  settings.caFile = environment(fileVariable);
+  if (settings.caFile.empty()) settings.caFile = environment(fileVariable = "SSL_CERT_FILE");
+  settings.caDirectory = environment("SSL_CERT_DIR");
+  if (!settings.caFile.empty()) settings.caSource = std::string("from ") + fileVariable;
+  if (!settings.caDirectory.empty()) settings.caSource += settings.caSource.empty() ? "from SSL_CERT_DIR" : " and SSL_CERT_DIR";
+  return settings;
+}
+
+TavloCurlHttpClient::TavloCurlHttpClient(std::size_t maxBodyBytes, Settings settings)
+    : maxBodyBytes(maxBodyBytes), settings(std::move(settings)) {}
+
+void TavloCurlHttpClient::reportCertificateFailure(const TavloHttpRequest& request, const std::string& error) {
+  if (certificateFailureReported.exchange(true)) return;
+  std::string trusted;
+  if (settings.caSource.empty()) {
+    trusted = "libcurl's default CA certificates";
+  } else {
+    if (!settings.caFile.empty()) trusted = "CA file " + settings.caFile;
+    if (!settings.caDirectory.empty()) trusted += (trusted.empty() ? "" : ", ") + ("CA directory " + settings.caDirectory);
+    trusted += " (" + settings.caSource + ")";
+  }
+  TavloLogger::log("TLS certificate check failed for " + TavloLogSafe(serverOf(request.url)) + " (" +
+                       TavloLogSafe(error) + ") against " + TavloLogSafe(trusted) +
+                       ": not a network outage; requests are kept and tried again, but none can be sent until "
+                       "the certificate can be verified",
+                   TavloLoggingModeError);
+}
 
 TavloCurlHttpClient::~TavloCurlHttpClient() {
   for (CURL* handle : idleHandles) curl_easy_cleanup(handle);
@@ -352,6 +422,13 @@ TavloHttpResponse TavloCurlHttpClient::get(const TavloHttpRequest& request) {
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &exchange);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
+  // Exactly what the deployment named: a file alone must not be completed by libcurl's
+  // default directory, nor a directory by its default file, which a box may not have.
+  if (!settings.caSource.empty()) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str());
+    curl_easy_setopt(handle, CURLOPT_CAPATH, settings.caDirectory.empty() ? nullptr : settings.caDirectory.c_str());
+  }
+  if (!settings.proxy.empty()) curl_easy_setopt(handle, CURLOPT_PROXY, settings.proxy.c_str());
   if (const CURLcode accepted = curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str()); accepted != CURLE_OK) {
     std::string error = std::string("unusable URL (") + curl_easy_strerror(accepted) + "); request not sent";
     return accepted == CURLE_OUT_OF_MEMORY ? noResponse(std::move(error)) : invalidRequest(std::move(error));
@@ -361,8 +438,10 @@ TavloHttpResponse TavloCurlHttpClient::get(const TavloHttpRequest& request) {
   if (outcome != CURLE_OK) {
     std::string error = transportError(outcome, exchange, details);
     if (isLocalRefusal(outcome, exchange, request)) return invalidRequest(error + "; request not sent");
+    if (isCertificateFailure(outcome)) reportCertificateFailure(request, error);
     return noResponse(std::move(error));
   }
+  certificateFailureReported.store(false);
 
   long status = 0;
   curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);

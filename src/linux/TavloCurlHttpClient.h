@@ -1,13 +1,16 @@
 // The HTTP client on Linux: libcurl's easy interface.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include <curl/curl.h>
 
 #include "tavlo/platform/TavloHttpClient.h"
+#include "tavlo/platform/TavloLinuxOptions.h"
 
 /// Sends each GET synchronously on the calling thread with a libcurl easy handle.
 ///
@@ -22,7 +25,15 @@
 /// What is sent: the request's URL and headers, nothing else the caller did not ask for
 /// apart from libcurl's "Host" and "Accept". Redirects are not followed, only http and
 /// https are spoken, and the proxy variables of the environment (http_proxy,
-/// https_proxy, no_proxy) are honoured as libcurl does by default.
+/// https_proxy, no_proxy) are honoured as libcurl does by default, unless the
+/// `Settings` name a proxy. HTTPS servers are verified against the CA certificates the
+/// `Settings` name, else libcurl's built-in ones.
+///
+/// A certificate that cannot be verified (or CA certificates that cannot be loaded) is
+/// no network outage: it will not mend by itself. The answer is still "no answer", so
+/// the hit stays queued, but the client also logs one ERROR line saying so, naming the
+/// server and where the CA certificates came from; once per run of such failures, so a
+/// retried hit does not repeat it, and again after any answer came.
 ///
 /// What is answered:
 ///  - a response arrived: its final status (error statuses included), the headers of
@@ -46,7 +57,22 @@ class TavloCurlHttpClient : public TavloHttpClient {
   static constexpr std::size_t maxHeaderBytes = 256 * 1024;
   static constexpr std::size_t maxIdleHandles = 8;
 
-  explicit TavloCurlHttpClient(std::size_t maxBodyBytes = defaultMaxBodyBytes);
+  /// What the deployment chose for every exchange. Empty strings leave libcurl's own
+  /// behaviour.
+  struct Settings {
+    std::string caFile;       ///< CURLOPT_CAINFO
+    std::string caDirectory;  ///< CURLOPT_CAPATH
+    /// Where caFile and caDirectory came from, for the log ("set by the application",
+    /// "from CURL_CA_BUNDLE", ...); empty when both are.
+    std::string caSource;
+    std::string proxy;  ///< CURLOPT_PROXY
+
+    /// The options' choices; the environment's CA certificates (CURL_CA_BUNDLE, else
+    /// SSL_CERT_FILE, and SSL_CERT_DIR) when the options name none.
+    static Settings from(const TavloLinuxOptions& options);
+  };
+
+  explicit TavloCurlHttpClient(std::size_t maxBodyBytes = defaultMaxBodyBytes, Settings settings = {});
   ~TavloCurlHttpClient() override;
   TavloCurlHttpClient(const TavloCurlHttpClient&) = delete;
   TavloCurlHttpClient& operator=(const TavloCurlHttpClient&) = delete;
@@ -60,7 +86,12 @@ class TavloCurlHttpClient : public TavloHttpClient {
   CURL* takeHandle();
   void giveBack(CURL* handle);
 
+  void reportCertificateFailure(const TavloHttpRequest& request, const std::string& error);
+
   const std::size_t maxBodyBytes;
+  const Settings settings;
+  /// Set once a certificate failure was logged; cleared by any answer.
+  std::atomic<bool> certificateFailureReported{false};
   std::mutex handlesProtector;
   std::vector<CURL*> idleHandles;  // guarded by handlesProtector
 };

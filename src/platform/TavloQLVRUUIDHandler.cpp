@@ -1,5 +1,6 @@
 #include "platform/TavloQLVRUUIDHandler.h"
 
+#include "platform/TavloLogger.h"
 #include "util/TavloText.h"
 
 namespace {
@@ -18,6 +19,22 @@ void TavloQLVRUUIDHandler::writeSystemLog(const std::string& text, int32_t statu
   if (systemLog_) systemLog_->writeLine(text + std::to_string(status), TavloLogLevel::Error);
 }
 
+// The keychain-style line above repeats on every hit and names only a status; this one
+// comes once and says what it means for the hits, so that an operator who sees "uid"
+// "-" in every hit finds why.
+void TavloQLVRUUIDHandler::reportNoIdentifierOnce(const char* operation, int32_t status) {
+  if (noIdentifierReported_) return;
+  noIdentifierReported_ = true;
+  const char* reason = status == TavloSecureStoreIOError
+                           ? "it cannot be read or written: no data directory, or a folder this user may not write"
+                       : status == TavloSecureStoreDecodeError ? "its stored item is damaged"
+                                                               : "the store refused";
+  TavloLogger::log(std::string("The device identifier cannot be ") + operation + " in the secure store (status " +
+                       std::to_string(status) + ": " + reason +
+                       "); every hit carries \"uid\" \"-\" until it can be",
+                   TavloLoggingModeError);
+}
+
 std::string TavloQLVRUUIDHandler::generateUUID() { return random_ ? random_->newUUIDString() : std::string(); }
 
 TavloString TavloQLVRUUIDHandler::storeUUID(bool update) {
@@ -31,6 +48,7 @@ TavloString TavloQLVRUUIDHandler::storeUUIDLocked(bool update) {
   const int32_t status = update ? store_->update(query(), uuid) : store_->add(query(), uuid);
   if (status != TavloSecureStoreSuccess) {
     writeSystemLog("QLVRUUIDHandler Keychain Save Error: ", status);
+    reportNoIdentifierOnce("stored", status);
     return std::nullopt;
   }
   return uuid;
@@ -54,6 +72,7 @@ TavloString TavloQLVRUUIDHandler::UUID() {
   }
   if (status == TavloSecureStoreItemNotFound) return storeUUIDLocked(false);
   writeSystemLog("QLVRUUIDHandler Unhandled Keychain Error ", status);
+  reportNoIdentifierOnce("read", status);
   return std::nullopt;
 }
 

@@ -20,6 +20,8 @@
 ///   "QLVRUUIDHandler Keychain Save Error: <status>"      adding or updating failed
 ///   "QLVRUUIDHandler Unhandled Keychain Error <status>"  reading failed, other than not found
 ///   "QLVRUUIDHandler Keychain Delete Error: <status>"    deleting failed
+/// The first failure to read or store the identifier is also logged once, as an ERROR
+/// line through the logger, saying that hits carry "uid" "-" until the store works.
 ///
 /// The store is process-wide in spirit: the agent owns one handler over its platform's
 /// store. Threads: every operation may be called from any thread (one mutex).
@@ -46,6 +48,7 @@ class TavloQLVRUUIDHandler {
   TavloSecureItemQuery query() const;  // REQUIRES: mutex_ held
   TavloString storeUUIDLocked(bool update);
   void writeSystemLog(const std::string& text, int32_t status);
+  void reportNoIdentifierOnce(const char* operation, int32_t status);  // REQUIRES: mutex_ held
 
   const std::shared_ptr<TavloSecureStore> store_;
   const std::shared_ptr<TavloRandom> random_;
@@ -54,4 +57,5 @@ class TavloQLVRUUIDHandler {
   mutable std::mutex mutex_;
   std::string cachedUUID_;   // guarded by mutex_; empty until read from the store
   TavloString accessGroup_;  // guarded by mutex_
+  bool noIdentifierReported_ = false;  // guarded by mutex_
 };

@@ -13,6 +13,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "tavlo/tavlo.h"
@@ -102,22 +104,57 @@ static uint8_t player_position(void* user_data, int64_t* position) {
 
 static void player_release(void* user_data) { ++((struct player*)user_data)->releases; }
 
+/* The library's log, as the C callback gets it: each line goes on to standard error
+   (which the checks below read) after its level, "[2] (ERROR) : ...". */
+static int log_releases;
+static void log_line(void* user_data, int level, const char* line) {
+  dprintf(STDERR_FILENO, "[%d] %s\n", level, line);
+  (void)user_data;
+}
+static void log_release(void* user_data) { ++*(int*)user_data; }
+
 /* Before the first tagger, as the platform must be. Refusals change nothing: the hits
-   reach the collector, from TavloCTest/1.0. */
+   reach the collector, from TavloCTest/1.0, through an authorisation endpoint of its own
+   (the collector's answer names where hits go), and the library's files go to the data
+   directory chosen. */
 static void test_platform(void) {
   const char* urls[] = {NULL,         "",          "ftp://h",        "http://",    "http:///path",   "https:",
                         "http://a b", "http://h\n", "127.0.0.1:8080", "http://h\"", "http://h/\x7f", "//h"};
+  const char* refused_paths[] = {"", "relative/data", "/data\n"};
+  const char* refused_proxies[] = {"", "http://proxy :3128", "http://proxy\x7f"};
   tavlo_platform_t* platform = tavlo_platform_create();
-  char url[80];
+  char url[80], data[96];
   size_t i;
   snprintf(url, sizeof url, "HTTP://%s//", base_url + strlen("http://")); /* any case; trailing slashes go */
-  CHECK(tavlo_platform_set_endpoints_base_url(platform, url) == 1);
+  CHECK(tavlo_platform_set_endpoints_base_url(platform, "http://unused.invalid") == 1);
+  CHECK(tavlo_platform_set_endpoints(platform, url, NULL, NULL, NULL) == 1);
+  CHECK(tavlo_platform_set_endpoints(platform, "http://unused.invalid", "http://h", "ftp://h", NULL) == 0); /* all or none */
   CHECK(tavlo_platform_set_application(platform, "TavloCTest", "1.0") == 1);
-  for (i = 0; i < sizeof urls / sizeof urls[0]; ++i) CHECK(tavlo_platform_set_endpoints_base_url(platform, urls[i]) == 0);
+  for (i = 0; i < sizeof urls / sizeof urls[0]; ++i) {
+    CHECK(tavlo_platform_set_endpoints_base_url(platform, urls[i]) == 0);
+    CHECK(urls[i] == NULL || tavlo_platform_set_endpoints(platform, NULL, NULL, NULL, urls[i]) == 0);
+  }
   CHECK(tavlo_platform_set_application(platform, "App", "1\r\nX-Injected: 1") == 0); /* into the User-Agent */
+  snprintf(data, sizeof data, "%s/data", getenv("XDG_DATA_HOME"));
+  for (i = 0; i < sizeof refused_paths / sizeof refused_paths[0]; ++i) {
+    CHECK(tavlo_platform_set_data_directory(platform, refused_paths[i]) == 0);
+    CHECK(tavlo_platform_set_proxy(platform, refused_proxies[i]) == 0);
+  }
+  CHECK(tavlo_platform_set_data_directory(platform, data) == 1);
+  CHECK(tavlo_platform_set_ca_certificates(platform, "/etc/ssl/x.pem\n", NULL) == 0);
+  CHECK(tavlo_platform_set_ca_certificates(platform, "/nonexistent.pem", "/nonexistent") == 1);
+  CHECK(tavlo_platform_set_ca_certificates(platform, NULL, NULL) == 1); /* the environment's again */
+  CHECK(tavlo_platform_set_proxy(platform, "http://127.0.0.1:1") == 1 && tavlo_platform_set_proxy(platform, NULL) == 1);
+  CHECK(tavlo_platform_set_log_syslog(platform, 3) == 0 && tavlo_platform_set_log_syslog(platform, LOG_LOCAL0) == 1);
+  tavlo_platform_set_log_callback(platform, log_line, log_release, &log_releases);
+  tavlo_platform_set_log_callback(platform, log_line, log_release, &log_releases); /* the first is released */
+  tavlo_platform_set_log_callback(platform, NULL, log_release, &log_releases); /* the second, and at once */
+  CHECK(log_releases == 3);
+  tavlo_platform_set_log_callback(platform, log_line, log_release, &log_releases);
   CHECK(tavlo_platform_install(platform) == 1);
   CHECK(tavlo_platform_install(platform) == 1); /* still before the first tagger */
   tavlo_platform_destroy(platform);             /* installing copied it */
+  CHECK(log_releases == 3);                     /* the library holds the callback */
 }
 
 /* Every function given NULL answers its neutral value and logs an error line that names
@@ -135,7 +172,17 @@ static void null_given(int neutral, const char* function, int line) {
 
 static void test_null_handles(void) {
   struct player player = PLAYER(0);
+  char logged[256] = "";
   CHECK(ftruncate(STDERR_FILENO, 0) == 0);
+  tavlo_platform_set_log_callback(NULL, log_line, log_release, &log_releases);
+  CHECK(log_releases == 4 && pread(STDERR_FILENO, logged, sizeof logged - 1, 0) > 0 &&
+        strstr(logged, "[2] (ERROR) : tavlo_platform_set_log_callback - No platform given") == logged);
+  CHECK(ftruncate(STDERR_FILENO, 0) == 0);
+  GIVES(0, tavlo_platform_set_endpoints, NULL, "http://h", NULL, NULL, NULL);
+  GIVES(0, tavlo_platform_set_data_directory, NULL, "/data");
+  GIVES(0, tavlo_platform_set_ca_certificates, NULL, NULL, NULL);
+  GIVES(0, tavlo_platform_set_proxy, NULL, NULL);
+  GIVES(0, tavlo_platform_set_log_syslog, NULL, 0);
   GIVES(0, tavlo_platform_set_application, NULL, "a", "1");
   GIVES(0, tavlo_platform_set_endpoints_base_url, NULL, "http://h");
   GIVES(0, tavlo_platform_install, NULL);
@@ -166,6 +213,14 @@ static void test_null_handles(void) {
   PROPERTY(0, tavlo_streaming_tagger_, media_volume, 1);
   tavlo_streaming_tagger_release(NULL); /* like free(), silently */
   CHECK(lseek(STDERR_FILENO, 0, SEEK_END) == 0 && tavlo_pending_hit_count() == 0);
+}
+
+/* Whether `relative` exists in the data directory test_platform chose. */
+static int exists_under_data(const char* relative) {
+  char path[256];
+  struct stat status;
+  snprintf(path, sizeof path, "%s/data/%s", getenv("XDG_DATA_HOME"), relative);
+  return stat(path, &status) == 0;
 }
 
 static void test_audience_tagger(void) {
@@ -210,6 +265,7 @@ static void test_audience_tagger(void) {
   CHECK(HAS(hits[0], "&ml4=L4&", "&ml5=L5&", "&ml6=L6&", "&ml7=L7&", "&ml8=L8&", "&ml9=L9&", "&ml10=L10&", "&ml11=L11&"));
   CHECK(HAS(hits[1], "&c=films&", "&l4=%C3%A9&") && !strstr(hits[1], "&p=") && !strstr(hits[1], "&l3="));
   CHECK(HAS(hits[0], "\r\nUser-Agent: TavloCTest/1.0 Tavlo SDK v" TAVLO_EXPECTED_VERSION " "));
+  CHECK(exists_under_data("TavloCTest/TavloCache/requests.ser") && exists_under_data("tavlo/secure-store"));
 }
 
 static void configure_medium(void* user_data, tavlo_streaming_config_t* config) {
@@ -262,6 +318,10 @@ static void test_streaming_tagger(void) {
   CHECK(HAS(hits[0], "&cmsPS=5&", "&cmsPO=42&", "&crmid=viewer-9&", "&cmsSN=renamed&", "&cmsME=u&"));
   CHECK(HAS(hits[0], "&cmsS3=S1&", "&cmsS2=S2&", "&cmsS1=S3&", "&cmsS4=S4&", "&cmsS5=S5&", "&dom=provider&"));
   CHECK(HAS(hits[0], "&cmsSD=60&", "&cmsDU=5400&", "&cmsGR=drama&"));
+  { /* the hit's dump, whatever the threshold, reached the log callback as information */
+    static char logged[1 << 16];
+    CHECK(pread(STDERR_FILENO, logged, sizeof logged - 1, 0) > 0 && strstr(logged, "[0] ------------------------------\n"));
+  }
 
   /* A blank medium: a tagger that never configures, sends nor takes a mode. */
   streaming = tavlo_streaming_tagger_with_serial("c-blank", "  ", 0, NULL, 0, tavlo_streaming_type_no_position,

@@ -2,7 +2,8 @@
 # Installs the built project into a fresh prefix and builds the C++ consumer application
 # and the pure C one against it, through CMake (find_package) and through pkg-config, each
 # time linked with the shared and with the static library, and a test on the installed
-# Tavlo::testkit through both, then runs the ten programs.
+# Tavlo::testkit through both, then runs the ten programs, and a C program that finds the
+# shared library in the private prefix through its rpath alone.
 # Usage: check_consumer.sh BUILD_DIR WORK_DIR CXX GENERATOR [EXTRA_FLAGS [CC]]
 # EXTRA_FLAGS are given to every compile and link (the sanitizers the project was built with).
 # With TAVLO_CONSUMER_DEBS=DIR, the prefix is made of the Debian packages in DIR (unpacked,
@@ -67,7 +68,8 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 cflags=$(pkg-config --cflags tavlo) || fail "pkg-config --cflags tavlo"
 libs=$(pkg-config --libs tavlo) || fail "pkg-config --libs tavlo"
 static_libs=$(pkg-config --static --libs tavlo) || fail "pkg-config --static --libs tavlo"
-for dependency in -lcurl -luuid -pthread; do
+# libstdc++ and libm (operator new, floor) too: a C compiler drives the link of a C program.
+for dependency in -lcurl -luuid -pthread -lstdc++ -lm; do
   case " $static_libs " in
     *" $dependency "*) ;;
     *) fail "pkg-config --static --libs tavlo lacks $dependency: $static_libs" ;;
@@ -91,6 +93,17 @@ kit_libs=$(pkg-config --libs tavlo-testkit) || fail "pkg-config --libs tavlo-tes
 # shellcheck disable=SC2086
 "$cc" -std=c11 $flags $cflags "$consumer/c/main.c" -o "$work/pkg-config-c-static" $static_libs \
   || fail "the C consumer does not build with a C compiler and pkg-config --static --libs"
+
+# The shared library in a private prefix found at run time through an rpath, as the
+# integration guide shows: this one runs without LD_LIBRARY_PATH.
+rpath=$(pkg-config --variable=libdir tavlo) || fail "pkg-config --variable=libdir tavlo"
+# shellcheck disable=SC2086
+"$cc" -std=c11 $flags $cflags "$consumer/c/main.c" -o "$work/pkg-config-c-rpath-shared" $libs -Wl,-rpath,"$rpath" \
+  || fail "the C consumer does not build with an rpath"
+if ! output=$(env -u LD_LIBRARY_PATH XDG_DATA_HOME="$work/data" "$work/pkg-config-c-rpath-shared" 2>"$work/run.log"); then
+  fail "pkg-config-c-rpath-shared does not find libtavlo.so through its rpath: $output $(cat "$work/run.log")"
+fi
+[ "$output" = "consumer: OK" ] || fail "pkg-config-c-rpath-shared printed: $output"
 
 # Run them all, keeping the library's files out of the user's home.
 for program in cmake/consumer_shared cmake/consumer_static pkg-config-shared pkg-config-static \

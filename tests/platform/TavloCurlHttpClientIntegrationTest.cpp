@@ -11,6 +11,8 @@
 
 #include "linux/TavloCurlHttpClient.h"
 #include "linux/TavloHttpLimits.h"
+#include "support/TavloLoggingFixture.h"
+#include "support/TavloScopedEnvironmentVariable.h"
 
 namespace {
 
@@ -145,6 +147,59 @@ TEST(TavloCurlHttpClient, NoAnswerIsReportedAsSuchAndEveryTimeoutIsARealBound) {
     EXPECT_FALSE(response.status || response.requestInvalid) << timeout;
     EXPECT_NE(std::string::npos, response.error.find("Timeout")) << timeout << ": " << response.error;
   }
+}
+
+using TavloCurlHttpClientTlsTest = TavloLoggingTest;
+
+// A CA file that cannot be loaded fails before any byte of TLS: no certificate server is
+// needed to tell that failure from an outage. Each case: the options, the environment's
+// CURL_CA_BUNDLE, whether the server is there, and what the ERROR line names (null: none).
+TEST_F(TavloCurlHttpClientTlsTest, CertificateFailuresAreToldFromOutagesOncePerRunAndNameTheirCaSource) {
+  TavloScopedEnvironmentVariable noDirectory("SSL_CERT_DIR", std::nullopt);
+  RawHttpServer server(kEmptyOk);
+  const std::string closed = "https://" + RawHttpServer("", true).host + "/";
+  const std::tuple<std::string, const char*, bool, const char*> cases[] = {
+      {"/nonexistent/option.pem", nullptr, true, "CA file /nonexistent/option.pem (set by the application)"},
+      {"/nonexistent/option.pem", "/nonexistent/env.pem", true, "CA file /nonexistent/option.pem (set by the application)"},
+      {"", "/nonexistent/env.pem", true, "CA file /nonexistent/env.pem (from CURL_CA_BUNDLE)"},
+      {"/nonexistent/option.pem", nullptr, false, nullptr},  // an outage stays an outage
+  };
+  for (const auto& [file, environment, listening, named] : cases) {
+    TavloScopedEnvironmentVariable bundle("CURL_CA_BUNDLE", environment ? std::optional<std::string>(environment) : std::nullopt);
+    TavloLinuxOptions options;
+    options.caBundleFile = file;
+    TavloCurlHttpClient client(TavloCurlHttpClient::defaultMaxBodyBytes, TavloCurlHttpClient::Settings::from(options));
+    test.logSink->clear();
+    const std::string url = listening ? "https://" + server.host + "/m/web/s?uid=secret" : closed;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      const TavloHttpResponse response = client.get(requestFor(url));
+      EXPECT_FALSE(response.status || response.requestInvalid) << file << ": kept and tried again, like an outage";
+    }
+    if (!named) {
+      EXPECT_EQ(test.logSink->count("TLS certificate"), 0u) << test.logSink->lines().size();
+      continue;
+    }
+    ASSERT_EQ(test.logSink->count("(ERROR) : TLS certificate check failed for https://" + server.host + " ("), 1u)
+        << file << ": once for two failures in a row";
+    EXPECT_TRUE(test.logSink->contains(named)) << named;
+    EXPECT_FALSE(test.logSink->contains("secret")) << "the hit's parameters stay out of the line";
+    EXPECT_EQ(client.get(requestFor(server.url())).status, 200) << "plain HTTP needs no certificate";
+    (void)client.get(requestFor(url));
+    EXPECT_EQ(test.logSink->count("TLS certificate check failed"), 2u) << "an answer in between starts a new run";
+  }
+}
+
+// libcurl sends an HTTP proxy the whole URL as the request target, whatever the environment says.
+TEST(TavloCurlHttpClient, AProxyOptionRoutesEveryRequestThroughIt) {
+  RawHttpServer proxy(kEmptyOk);
+  TavloScopedEnvironmentVariable environmentProxy("http_proxy", std::string("http://127.0.0.1:1"));
+  TavloLinuxOptions options;
+  options.proxy = "http://" + proxy.host;
+  TavloCurlHttpClient client(TavloCurlHttpClient::defaultMaxBodyBytes, TavloCurlHttpClient::Settings::from(options));
+  EXPECT_EQ(client.get(requestFor("http://collect.tavlo.test/m/web/s?c=home")).status, 200);
+  const std::vector<std::string> heads = proxy.stop();
+  ASSERT_EQ(heads.size(), 1u);
+  EXPECT_TRUE(heads[0].starts_with("GET http://collect.tavlo.test/m/web/s?c=home HTTP/1.1\r\n")) << heads[0];
 }
 
 }  // namespace

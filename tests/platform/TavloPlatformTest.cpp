@@ -3,6 +3,7 @@
 // device facts sent as "m_os" and "m_fw".
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <syslog.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -12,6 +13,7 @@
 
 #include "linux/TavloLinuxDeviceInfo.h"
 #include "linux/TavloStderrLogSink.h"
+#include "linux/TavloSyslogLogSink.h"
 #include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 #include "support/TavloLoggingFixture.h"
@@ -33,6 +35,47 @@ TEST_F(TavloPlatformTest, LinuxDefaultsFillTheGapsOfAnInstalledPlatformAndKeepSe
   EXPECT_TRUE(p.clock == test.clock && p.random && p.files && p.secureStore && p.deviceInfo && p.mainQueue && p.httpClient && p.reachabilitySource);
   ASSERT_EQ(TavloPlatform::linuxDefaults().secureStore->add({"service", "account", std::nullopt}, "secret"), TavloSecureStoreSuccess);
   EXPECT_TRUE(std::filesystem::exists(data.pathFor("tavlo/secure-store/genp.service.account"))) << "where a later version looks";
+}
+
+// A service sets its own folder; a relative one would put the identifier wherever it started.
+TEST_F(TavloPlatformTest, AChosenDataDirectoryHoldsTheLibrarysFilesAndARelativeOneIsRefusedAloud) {
+  TavloTemporaryDirectory xdg, chosen;
+  TavloScopedEnvironmentVariable environment("XDG_DATA_HOME", xdg.path());
+  const std::tuple<std::string, std::string, size_t> cases[] = {  // option, folder used, ERROR lines
+      {chosen.path(), chosen.path(), 0}, {"", xdg.path(), 0}, {"relative/data", xdg.path(), 1}};
+  int account = 0;
+  for (const auto& [option, folder, errors] : cases) {
+    test.logSink->clear();
+    TavloLinuxOptions options;
+    options.dataDirectory = option;
+    const TavloPlatform platform = TavloPlatform::linuxDefaults({}, options);
+    EXPECT_EQ(platform.files->dataDirectory(), folder) << option;
+    const std::string name = std::to_string(++account);
+    EXPECT_EQ(platform.secureStore->add({"service", name, std::nullopt}, "secret"), TavloSecureStoreSuccess) << option;
+    EXPECT_TRUE(std::filesystem::exists(folder + "/tavlo/secure-store/genp.service." + name)) << option;
+    EXPECT_EQ(test.logSink->count("(ERROR) : The data directory \"relative/data\" is not an absolute path"), errors);
+  }
+  EXPECT_FALSE(std::filesystem::exists("relative")) << "nothing is made relative to the working directory";
+}
+
+// The level becomes the priority, in the sink's facility (the process's for 0), the line unchanged.
+TEST_F(TavloPlatformTest, TheSyslogSinkSendsEachLineAtItsLevelsPriorityInItsFacility) {
+  static std::vector<std::pair<int, std::string>> written;
+  written.clear();
+  const std::tuple<int, TavloLogLevel, std::string, int, std::string> cases[] = {  // facility, level, line, priority, sent
+      {0, TavloLogLevel::Info, "(INFO) : Adding a request in queue", LOG_INFO, "(INFO) : Adding a request in queue"},
+      {LOG_LOCAL3, TavloLogLevel::Warning, "(WARNING) : w", LOG_LOCAL3 | LOG_WARNING, "(WARNING) : w"},
+      {LOG_DAEMON, TavloLogLevel::Error, "(ERROR) : e", LOG_DAEMON | LOG_ERR, "(ERROR) : e"},
+      {0, TavloLogLevel::Info, "1 {\n    c = home;\n}", LOG_INFO, "1 {\n    c = home;\n}"},  // a streaming dump
+      {0, static_cast<TavloLogLevel>(5), std::string("() : cut\0here", 13), LOG_NOTICE, "() : cut"},
+  };
+  for (const auto& [facility, level, line, priority, sent] : cases) {
+    TavloSyslogLogSink(facility, [](int p, const char* text) { written.emplace_back(p, text); }).writeLine(line, level);
+    ASSERT_FALSE(written.empty());
+    EXPECT_EQ(written.back(), std::make_pair(priority, sent)) << line;
+  }
+  for (const int facility : {3, LOG_LOCAL7 + 8, -8}) EXPECT_FALSE(TavloPlatform::syslogLogSink(facility)) << facility;
+  EXPECT_TRUE(TavloPlatform::syslogLogSink(LOG_LOCAL7) && TavloPlatform::syslogLogSink());
 }
 
 // The new sink is one written for 5.4, which overrides only the deprecated one-argument form.

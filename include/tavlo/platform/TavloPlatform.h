@@ -10,6 +10,7 @@
 #include "tavlo/platform/TavloEndpoints.h"
 #include "tavlo/platform/TavloFileSystem.h"
 #include "tavlo/platform/TavloHttpClient.h"
+#include "tavlo/platform/TavloLinuxOptions.h"
 #include "tavlo/platform/TavloLogSink.h"
 #include "tavlo/platform/TavloMainQueue.h"
 #include "tavlo/platform/TavloRandom.h"
@@ -46,6 +47,19 @@ struct TAVLO_EXPORT TavloPlatform {
   /// file-backed secure store there, device facts from /proc, /sys and /etc/os-release
   /// completed by `application`, no advertising identifier, the compiled-in endpoints.
   static TavloPlatform linuxDefaults(const TavloApplicationInfo& application = {});
+
+  /// The same, with the deployment's choices (`TavloLinuxOptions`): its data directory,
+  /// the CA certificates HTTPS is verified against, its proxy. Empty fields keep the
+  /// defaults above.
+  static TavloPlatform linuxDefaults(const TavloApplicationInfo& application, const TavloLinuxOptions& options);
+
+  /// A log sink that hands each line to syslog(3), as it is, at the priority of its
+  /// level: LOG_INFO, LOG_WARNING or LOG_ERR. `facility` is a syslog facility (LOG_USER,
+  /// LOG_DAEMON, LOG_LOCAL0 ... LOG_LOCAL7); 0 keeps the one of the process, which
+  /// openlog(3) sets and which is LOG_USER if the application never called it. The
+  /// sink never calls openlog: the name and options the lines are sent with stay the
+  /// application's. Null for a value that is not a facility. Callable from any thread.
+  static std::shared_ptr<TavloLogSink> syslogLogSink(int facility = 0);
 
   /// Makes `platform` the one the process-wide singletons use. Missing seams are filled
   /// from `linuxDefaults()`. The log sink takes effect at once for every later line; the
