@@ -4,7 +4,8 @@
 //   tavlo_streaming_example http://127.0.0.1:8080
 //
 // Every endpoint, authorisation included, is taken at the given base URL. The program
-// exits once its hits are sent (status 0) or after 60 seconds (status 1).
+// exits once its hits are all answered with status 200 (status 0), with status 1 once one
+// was dropped or after 60 seconds of waiting.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <thread>
 
 #include "tavlo/TavloApplication.h"
+#include "tavlo/TavloDelivery.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/platform/TavloPlatform.h"
 
@@ -94,7 +96,17 @@ int main(int argc, char** argv) {
 
   const double left = std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count();
   const bool sent = TavloWaitForPendingHits(left > 0 ? left : 0);
-  std::printf(sent ? "all hits sent\n" : "hits still pending after 60 seconds\n");
+  if (!sent) std::printf("hits still pending after 60 seconds\n");
+  // Every hit answered with 200, none dropped (a server answering 404 drains the queue too).
+  uint64_t queued = 0, answered = 0, dropped = 0;
+  for (const TavloDeliveryCounts& counts : TavloDeliveryStats()) {
+    queued += counts.queued;
+    answered += counts.sent;
+    dropped += counts.droppedInAll();
+  }
+  const bool delivered = sent && dropped == 0 && answered == queued;
+  std::printf("%llu of %llu hits answered with 200, %llu dropped\n", static_cast<unsigned long long>(answered),
+              static_cast<unsigned long long>(queued), static_cast<unsigned long long>(dropped));
   TavloShutdown();
-  return sent ? 0 : 1;
+  return delivered ? 0 : 1;
 }

@@ -38,6 +38,7 @@
 #include "TavloScaledClock.h"
 #include "TavloTimeScale.h"
 #include "tavlo/TavloApplication.h"
+#include "tavlo/TavloDelivery.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/TavloVersion.h"
@@ -169,32 +170,23 @@ class LinePrinter {
 };
 
 // The library's log lines: errors and warnings always reach standard error, everything
-// (the streaming tagger's hit dumps included) with --verbose. It also counts the hits
-// the library reports it refused to send.
+// (the streaming tagger's hit dumps included) with --verbose.
 class DemoLogSink : public TavloLogSink {
  public:
   explicit DemoLogSink(bool verbose) : verbose_(verbose) {}
 
   void writeLine(std::string_view line, TavloLogLevel level) override {
-    // The library's own words for a hit it gives up on before sending it.
-    for (const std::string_view refusal : {"can't be sent because of access denied", "was not sent because of invalid parameters",
-                                           "Hit dropped"}) {
-      if (line.find(refusal) != std::string_view::npos) ++refusedHits;
-    }
     if (verbose_ || level != TavloLogLevel::Info) {
       std::fprintf(stderr, "library: %.*s\n", static_cast<int>(line.size()), line.data());
     }
   }
 
-  std::atomic<int> refusedHits{0};
-
  private:
   const bool verbose_;
 };
 
-// Sits between the library and its HTTP client to count what happens to each hit: the
-// library removes a hit from its queue once any answer came, and keeps it for a retry
-// when none did.
+// Sits between the library and its HTTP client to show each exchange and count the
+// authorisations; what became of each hit comes from the library's delivery counts.
 class CountingHttpClient : public TavloHttpClient {
  public:
   using Observer = std::function<void(const TavloDemoHit& hit, const TavloHttpResponse& response)>;
@@ -205,21 +197,12 @@ class CountingHttpClient : public TavloHttpClient {
   TavloHttpResponse get(const TavloHttpRequest& request) override {
     TavloHttpResponse response = client_->get(request);
     const TavloDemoHit hit = TavloDemoHit::fromURL(request.url);
-    if (hit.kind == TavloDemoHit::Authorisation) {
-      ++authorisations;
-    } else if (response.status == 200) {
-      ++(hit.kind == TavloDemoHit::Audience ? sentAudience : sentStreaming);
-    } else if (response.status) {
-      ++answeredWithError;
-    }
+    if (hit.kind == TavloDemoHit::Authorisation) ++authorisations;
     if (observer_) observer_(hit, response);
     return response;
   }
 
   std::atomic<int> authorisations{0};
-  std::atomic<int> sentAudience{0};
-  std::atomic<int> sentStreaming{0};
-  std::atomic<int> answeredWithError{0};
 
  private:
   const std::shared_ptr<TavloHttpClient> client_;
@@ -370,6 +353,14 @@ int main(int argc, char** argv) {
   }
   std::printf("data directory: %s\n\n", dataDirectory.c_str());
   printer.print(TavloDemoHit::header());
+  // Each hit the library gives up on, as it happens.
+  TavloSetDropHandler([&printer, elapsed](const TavloDroppedHit& drop) {
+    char at[32];
+    std::snprintf(at, sizeof at, "%8.1fs", elapsed());
+    printer.print(std::string(at) + "  dropped: a " + (drop.requestType ? "streaming" : "audience") + " hit, " +
+                  TavloDropReasonName(drop.reason) +
+                  (drop.httpStatus ? " " + std::to_string(drop.httpStatus) : std::string()));
+  });
 
   // The taggers, as an application makes them.
   const auto audience = TavloAudienceTagger::TavloAudienceTaggerWithSerial(options.serial, customerData);
@@ -442,16 +433,36 @@ int main(int argc, char** argv) {
   // writes its queue file, and the main queue and the server end.
   streaming.reset();
   TavloShutdown();
+  TavloSetDropHandler(nullptr);  // it prints through this function's objects
   // Counted once the library has stopped: every hit made is then in the queue or sent.
   const size_t queued = TavloPendingHitCount();
   if (pacedQueue) pacedQueue->stop();
   if (server) server->stop();
 
-  const int sent = counter->sentAudience + counter->sentStreaming;
-  std::printf("\nsummary: %d hits sent (%d audience, %d streaming), %d dropped, %zu still queued; "
+  uint64_t sentOfType[2] = {0, 0}, queuedInAll = 0, dropped = 0;
+  std::string reasons;  // ", 2 HTTP status", ...
+  uint64_t byReason[kTavloDropReasonCount] = {};
+  for (const TavloDeliveryCounts& counts : TavloDeliveryStats()) {
+    sentOfType[counts.requestType == 1] += counts.sent;
+    queuedInAll += counts.queued;
+    dropped += counts.droppedInAll();
+    for (size_t reason = 0; reason < kTavloDropReasonCount; ++reason) byReason[reason] += counts.dropped[reason];
+  }
+  for (size_t reason = 0; reason < kTavloDropReasonCount; ++reason) {
+    if (byReason[reason]) {
+      reasons += (reasons.empty() ? " (" : ", ") + std::to_string(byReason[reason]) + " " +
+                 TavloDropReasonName(static_cast<TavloDropReason>(reason));
+    }
+  }
+  if (!reasons.empty()) reasons += ")";
+  const uint64_t sent = sentOfType[0] + sentOfType[1];
+  std::printf("\nsummary: %llu hits sent (%llu audience, %llu streaming), %llu dropped%s, %zu still queued; "
               "authorisation exchanges: %d\n",
-              sent, counter->sentAudience.load(), counter->sentStreaming.load(),
-              counter->answeredWithError + logSink->refusedHits, queued, counter->authorisations.load());
+              static_cast<unsigned long long>(sent), static_cast<unsigned long long>(sentOfType[0]),
+              static_cast<unsigned long long>(sentOfType[1]), static_cast<unsigned long long>(dropped),
+              reasons.c_str(), queued, counter->authorisations.load());
+  // Every hit made was answered with 200: none dropped, none left waiting.
+  const bool delivered = drained && dropped == 0 && queued == 0 && sent == queuedInAll;
   std::printf("queue file: %s\n", queueFile.c_str());
   std::printf("            (read it with: tavlo-queue list %s)\n", queueFile.c_str());
   std::printf("device identifier: %s/tavlo/secure-store\n", dataDirectory.c_str());
@@ -465,15 +476,17 @@ int main(int argc, char** argv) {
   }
   if (options.collector) {
     std::printf("the collector's side cannot be checked from here; %s\n",
-                drained ? "every hit was sent and answered"
-                        : "FAILED: hits are still waiting to be sent (they stay in the queue file)");
-    return drained ? kExitOK : kExitFailed;
+                delivered  ? "every hit was answered with status 200"
+                : !drained ? "FAILED: hits are still waiting to be sent (they stay in the queue file)"
+                           : "FAILED: hits were dropped");
+    return delivered ? kExitOK : kExitFailed;
   }
   std::vector<TavloDemoHit> received;
   for (const std::string& target : server->targets()) received.push_back(TavloDemoHit::fromURL(target));
   const std::vector<std::string> problems = TavloDemoScenario::check(received, options.serial, customerData);
-  if (!problems.empty()) {
+  if (!problems.empty() || !delivered) {
     for (const std::string& problem : problems) std::printf("FAILED: %s\n", problem.c_str());
+    if (!delivered) std::printf("FAILED: not every hit was answered with status 200\n");
     return kExitFailed;
   }
   std::printf("check: the %zu screens arrived in order, and the %zu streaming hits ranked 1 to %zu: play, polls at 10 "

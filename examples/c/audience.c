@@ -3,7 +3,8 @@
      tavlo_c_audience_example http://127.0.0.1:8080
 
    Every endpoint, authorisation included, is taken at the given base URL. The program
-   exits once its hits are sent (status 0), after 30 seconds without that (status 1), or
+   exits once its hits are all answered with status 200 (status 0), with status 1 once one
+   was dropped or after 30 seconds of waiting, or
    at once when the URL is unusable (status 2). */
 #include <stdio.h>
 
@@ -14,6 +15,8 @@ int main(int argc, char** argv) {
   tavlo_audience_tagger_t* tagger;
   int configured;
   int sent;
+  tavlo_stats_t* stats;
+  tavlo_delivery_counts total;
 
   if (argc < 2) {
     fprintf(stderr, "usage: %s BASE_URL   (for example http://127.0.0.1:8080)\n", argv[0]);
@@ -44,7 +47,13 @@ int main(int argc, char** argv) {
   tavlo_audience_tagger_release(tagger); /* the library keeps the tagger itself */
 
   sent = tavlo_wait_for_pending_hits(30);
-  printf(sent ? "all hits sent\n" : "hits still pending after 30 seconds\n");
+  if (!sent) printf("hits still pending after 30 seconds\n");
+  /* Every hit answered with 200, none dropped (a server answering 404 drains the queue too). */
+  stats = tavlo_stats();
+  total = tavlo_stats_total(stats);
+  tavlo_stats_free(stats);
+  printf("%llu of %llu hits answered with 200, %llu dropped\n", (unsigned long long)total.sent,
+         (unsigned long long)total.queued, (unsigned long long)total.dropped_in_all);
   tavlo_shutdown();
-  return sent ? 0 : 1;
+  return sent && total.dropped_in_all == 0 && total.sent == total.queued ? 0 : 1;
 }

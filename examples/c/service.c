@@ -6,8 +6,9 @@
    The data directory is $STATE_DIRECTORY (what systemd's StateDirectory= gives a unit)
    when set. Log lines go to standard error with their level, or to syslog with --syslog.
    --ca-file names the CA bundle HTTPS servers are checked against, --proxy the proxy
-   every request goes through. Exits 0 once the hits are sent, 1 after 30 seconds
-   without that, 2 when the arguments are unusable. */
+   every request goes through. Flushes the queue before it stops, and exits 0 when every
+   hit was answered with status 200, 1 when one was dropped or could not be sent within
+   30 seconds, 2 when the arguments are unusable. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -30,6 +31,9 @@ int main(int argc, char** argv) {
   int i;
   tavlo_platform_t* platform;
   tavlo_audience_tagger_t* tagger;
+  tavlo_flush_result flushed;
+  tavlo_stats_t* stats;
+  tavlo_delivery_counts total;
 
   for (i = 2; i < argc; ++i) {
     if (strcmp(argv[i], "--syslog") == 0) {
@@ -72,7 +76,13 @@ int main(int argc, char** argv) {
   tavlo_audience_tagger_send_hit(tagger, "player", "films", "a-film-title", NULL);
   tavlo_audience_tagger_release(tagger);
 
-  i = tavlo_wait_for_pending_hits(30);
+  /* A service that is about to stop sends what it can now, once, and says how it went. */
+  flushed = tavlo_flush(30);
+  stats = tavlo_stats();
+  total = tavlo_stats_total(stats);
+  tavlo_stats_free(stats);
+  fprintf(stderr, "%s: %llu sent, %llu dropped, %llu still queued\n", argv[0], (unsigned long long)flushed.sent,
+          (unsigned long long)flushed.dropped, (unsigned long long)flushed.still_queued);
   tavlo_shutdown();
-  return i ? 0 : 1;
+  return flushed.still_queued == 0 && total.dropped_in_all == 0 && total.sent == total.queued ? 0 : 1;
 }

@@ -330,6 +330,50 @@ static void test_streaming_tagger(void) {
   tavlo_streaming_tagger_release(streaming);
 }
 
+/* Consent, delivery counts, the drop callback and flushing, after the taggers' hits. */
+static int drops_seen;
+static void count_drop(void* user_data, const char* serial, int64_t request_type, int reason, long http_status) {
+  CHECK(user_data == &drops_seen && strcmp(serial, "c-delivery") == 0 && request_type == 0 &&
+        reason == tavlo_drop_invalid_url && http_status == 0);
+  ++drops_seen;
+}
+
+static void test_delivery(void) {
+  static char huge[17 * 1024];
+  tavlo_audience_tagger_t* tagger = tavlo_audience_tagger_with_serial("c-delivery", NULL);
+  tavlo_stats_t* stats;
+  tavlo_delivery_counts total;
+  tavlo_flush_result flushed;
+  const tavlo_delivery_counts* entry;
+  size_t index;
+  int found = 0;
+
+  CHECK(tavlo_set_consent(3, 0) == 0 && tavlo_set_consent(-1, 1) == 0 && tavlo_consent() == tavlo_consent_granted);
+  CHECK(strcmp(tavlo_drop_reason_name(tavlo_drop_http_status), "HTTP status") == 0 &&
+        strcmp(tavlo_drop_reason_name(tavlo_drop_reason_count), "unknown") == 0);
+  tavlo_set_drop_callback(count_drop, &drops_seen);
+  memset(huge, 'x', sizeof huge - 1);
+  tavlo_audience_tagger_send_hit(tagger, huge, NULL, NULL, NULL); /* too large for a URL: dropped at once */
+  tavlo_audience_tagger_send_hit(tagger, "kept", NULL, NULL, NULL);
+  tavlo_audience_tagger_release(tagger);
+  flushed = tavlo_flush(30);
+  CHECK(flushed.sent == 1 && flushed.dropped == 0 && flushed.still_queued == 0 && drops_seen == 1);
+  tavlo_set_drop_callback(NULL, NULL);
+
+  stats = tavlo_stats();
+  for (index = 0; index < tavlo_stats_count(stats); ++index) {
+    entry = tavlo_stats_entry(stats, index);
+    if (strcmp(entry->serial, "c-delivery") != 0) continue;
+    found = 1;
+    CHECK(entry->request_type == 0 && entry->queued == 1 && entry->sent == 1 && entry->dropped_in_all == 1 &&
+          entry->dropped[tavlo_drop_invalid_url] == 1);
+  }
+  total = tavlo_stats_total(stats);
+  CHECK(found && tavlo_stats_entry(stats, tavlo_stats_count(stats)) == NULL);
+  CHECK(total.queued >= 1 + 3 && total.sent + total.dropped_in_all >= total.queued && *total.serial == '\0');
+  tavlo_stats_free(stats);
+}
+
 static int remove_entry(const char* path, const struct stat* status, int type, struct FTW* where) {
   (void)status, (void)type, (void)where;
   return remove(path);
@@ -359,6 +403,7 @@ int main(void) {
   test_null_handles();
   test_audience_tagger();
   test_streaming_tagger();
+  test_delivery();
 
   tavlo_shutdown();
   tavlo_shutdown(); /* idempotent */

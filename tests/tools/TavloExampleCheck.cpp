@@ -1,6 +1,7 @@
 // tavlo_example_check EXAMPLE_BINARY [HIT_COUNT USER_AGENT]: runs an example against an
 // in-process server. Its hits (by default the audience example's 3) must carry its customer
 // data and user agent, and those with a rank ("cmsRK", streaming hits) arrive ranked 1, 2, ...
+// Against a server answering 404, the example must exit with a failure.
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -38,5 +39,16 @@ int main(int argc, char** argv) {
     ++hits;
   }
   std::printf("%d of the %d hits expected arrived\n", hits, expectedHits);
-  return hits == expectedHits ? 0 : 1;
+  if (hits != expectedHits) return 1;
+
+  // A collection server that answers 404 takes the hits too, but the example must not
+  // call that a success.
+  TavloTemporaryDirectory again;
+  setenv("XDG_DATA_HOME", again.path().c_str(), 1);
+  server.respond("/m/web/", 404, "Not Found");
+  if (std::system(("'" + std::string(argv[1]) + "' " + server.baseURL() + " >/dev/null").c_str()) == 0) {
+    std::fprintf(stderr, "FAIL: %s reported success against a server answering 404\n", argv[1]);
+    return 1;
+  }
+  return 0;
 }

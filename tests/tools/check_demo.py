@@ -2,12 +2,15 @@
 """Runs tavlo-demo against its own server at its highest speed, where its paced main queue
 is always behind and catches up (exit 0, the hits in rank order, a drained queue file), then
 against a port where nothing listens, waiting no time (exit 1, the hits left in the queue
-file); tavlo-queue lists each file. Usage: check_demo.py TAVLO_DEMO TAVLO_QUEUE"""
+file), and against a collector answering 404 (exit 1, every hit dropped); tavlo-queue lists
+each file. Usage: check_demo.py TAVLO_DEMO TAVLO_QUEUE"""
+import http.server
 import os
 import re
 import subprocess
 import sys
 import tempfile
+import threading
 
 failures = []
 
@@ -51,6 +54,24 @@ def main():
         status, listing = queue_listing(queue_tool, output)[1:]
         check(status == 0 and "11 elements: 3 audience, 8 streaming" in listing and
               '"cmsSN" = "Night Train"' in listing and '"c" = "home"' in listing, "the waiting hits:\n" + listing)
+        # A collector that answers 404 to everything takes every hit, yet none counts as sent.
+        class NotFound(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                self.send_response(404)
+                self.send_header("Content-Length", "0")
+                self.end_headers()
+
+            def log_message(self, *args):
+                pass
+
+        refusing = http.server.ThreadingHTTPServer(("127.0.0.1", 0), NotFound)
+        threading.Thread(target=refusing.serve_forever, daemon=True).start()
+        status, output = run(demo, "--collector", "http://127.0.0.1:%d" % refusing.server_address[1], "--wait", "5",
+                             "--speed", "1000", "--data-dir", os.path.join(work, "refusing"))
+        refusing.shutdown()
+        check(status == 1 and "0 hits sent" in output and "11 dropped (11 HTTP status)" in output and
+              "dropped: a streaming hit, HTTP status 404" in output and "FAILED: hits were dropped" in output,
+              "against a collector answering 404:\n" + output)
     for failure in failures:
         print("FAIL: " + failure)
     sys.exit(1 if failures else 0)
