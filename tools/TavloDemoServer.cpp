@@ -2,7 +2,8 @@
 
 #include <utility>
 
-TavloDemoServer::TavloDemoServer(Observer observer) : observer_(std::move(observer)) {
+TavloDemoServer::TavloDemoServer(Observer observer, int port)
+    : observer_(std::move(observer)), server_(TavloTestServer::Options{false, port}) {
   server_.handle("/m/web/", [this](const TavloTestServerRequest& request) {
     if (observer_) observer_(request.target);
     return TavloTestServerResponse::with(200, "OK");

@@ -26,8 +26,9 @@ class TavloDemoServer {
   /// Receives each request's target: its path and query as on the request line.
   using Observer = std::function<void(const std::string& target)>;
 
-  /// Starts the server. Throws std::runtime_error when it cannot listen.
-  explicit TavloDemoServer(Observer observer);
+  /// Starts the server, on `port` or (0) one the kernel chose. Throws std::runtime_error
+  /// when it cannot listen.
+  explicit TavloDemoServer(Observer observer, int port = 0);
   TavloDemoServer(const TavloDemoServer&) = delete;
   TavloDemoServer& operator=(const TavloDemoServer&) = delete;
 
@@ -42,7 +43,7 @@ class TavloDemoServer {
 
  private:
   const Observer observer_;
-  TavloTestServer server_;
+  TavloTestServer server_;  // made before the handlers are set, which use it
   std::mutex protector_;
   int visits_ = 0;  // guarded by protector_
 };

@@ -13,6 +13,8 @@
 // With --collector it sends to that server instead; it then prints each hit as the
 // library sends it with the status it was answered, cannot check what the server made
 // of it, and exits 0 once every hit was sent.
+#include <pthread.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -60,6 +62,7 @@ constexpr double kLongestWaitSeconds = 3600;
 const char* const kUsage =
     "usage: tavlo-demo [--speed N | --real-time] [--collector URL] [--serial SERIAL]\n"
     "                  [--data-dir DIR] [--wait SECONDS] [--verbose]\n"
+    "       tavlo-demo --serve PORT\n"
     "       tavlo-demo --help | --version\n";
 
 const char* const kDetails =
@@ -82,6 +85,9 @@ const char* const kDetails =
     "                   once the viewing is over (default 30); hits still waiting then\n"
     "                   stay in the queue file, for the next start\n"
     "  --verbose        print every line the library logs, on standard error\n"
+    "  --serve PORT     measure nothing: be a local collection and authorisation server\n"
+    "                   on 127.0.0.1:PORT (0: any free port) for an application under\n"
+    "                   development, printing every hit it receives, until interrupted\n"
     "\n"
     "Exit status: 0 every expected hit arrived (or, with --collector, was sent), 1 not,\n"
     "2 wrong usage.\n";
@@ -94,6 +100,7 @@ struct Options {
   std::optional<std::string> dataDirectory;
   double waitSeconds = kDefaultWaitSeconds;
   bool verbose = false;
+  std::optional<int> servePort;
 };
 
 int usageError(const std::string& message) {
@@ -145,6 +152,14 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
       const auto serial = value();
       if (!serial || serial->empty()) return usageError("--serial takes the measurement account");
       options.serial = *serial;
+    } else if (argument == "--serve") {
+      const auto text = value();
+      char* end = nullptr;
+      const long port = text ? std::strtol(text->c_str(), &end, 10) : -1;
+      if (!text || end == text->c_str() || *end != '\0' || port < 0 || port > 65535) {
+        return usageError("--serve takes a port from 0 to 65535");
+      }
+      options.servePort = static_cast<int>(port);
     } else if (argument == "--data-dir") {
       options.dataDirectory = value();
       if (!options.dataDirectory || options.dataDirectory->empty()) return usageError("--data-dir takes a directory");
@@ -264,9 +279,45 @@ std::string formatSeconds(double seconds) {
 
 }  // namespace
 
+// The local collector: answers as the authorisation and collection server, and prints
+// each hit it receives in the demo's table, until SIGINT or SIGTERM.
+int serve(int port) {
+  // Blocked before the server's threads start, so that they inherit it and the signal
+  // reaches sigwait below instead of ending the process.
+  sigset_t stopping;
+  sigemptyset(&stopping);
+  sigaddset(&stopping, SIGINT);
+  sigaddset(&stopping, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+  LinePrinter printer;
+  const auto started = std::chrono::steady_clock::now();
+  std::atomic<int> hits{0};
+  try {
+    TavloDemoServer server(
+        [&](const std::string& target) {
+          const TavloDemoHit hit = TavloDemoHit::fromURL(target);
+          if (hit.kind != TavloDemoHit::Authorisation) ++hits;
+          printer.print(hit.describe(std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count()));
+        },
+        port);
+    printer.print("tavlo-demo: serving authorisation and collection at " + server.baseURL() +
+                  " (give it as every endpoint's base URL); Ctrl-C stops");
+    printer.print(TavloDemoHit::header());
+    int received = 0;
+    sigwait(&stopping, &received);
+    server.stop();
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "tavlo-demo: cannot serve: %s\n", failure.what());
+    return kExitFailed;
+  }
+  std::printf("%d hits received\n", hits.load());
+  return kExitOK;
+}
+
 int main(int argc, char** argv) {
   Options options;
   if (const auto status = parseOptions(argc, argv, options)) return *status;
+  if (options.servePort) return serve(*options.servePort);
 
   const std::string dataDirectory = prepareDataDirectory(options);
   if (dataDirectory.empty()) {

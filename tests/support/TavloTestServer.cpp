@@ -109,8 +109,9 @@ void TavloTestServer::start(const Options& options) {
   server->Delete(".*", dispatch);
   server->Options(".*", dispatch);
 
-  const int port = server->bind_to_any_port("127.0.0.1");
-  if (port <= 0) throw std::runtime_error("the test server could not bind 127.0.0.1");
+  const int port = options.port == 0 ? server->bind_to_any_port("127.0.0.1")
+                                     : (server->bind_to_port("127.0.0.1", options.port) ? options.port : -1);
+  if (port <= 0) throw std::runtime_error("the server could not bind 127.0.0.1" + (options.port ? ":" + std::to_string(options.port) : ""));
   base = "http://127.0.0.1:" + std::to_string(port);
 
   listener = std::thread([this] {

@@ -83,6 +83,8 @@ class TavloTestServer {
     /// second; stopping then waits up to a second for a client that still holds one
     /// open (destroying the client first closes its connections at once).
     bool keepAlive = false;
+    /// The port to listen on; 0 lets the kernel choose a free one.
+    int port = 0;
   };
 
   /// Starts the server. Throws std::runtime_error when it cannot listen.

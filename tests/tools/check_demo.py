@@ -72,6 +72,21 @@ def main():
         check(status == 1 and "0 hits sent" in output and "11 dropped (11 HTTP status)" in output and
               "dropped: a streaming hit, HTTP status 404" in output and "FAILED: hits were dropped" in output,
               "against a collector answering 404:\n" + output)
+        # The local collector, with the demo itself sending to it.
+        collector = subprocess.Popen([demo, "--serve", "0"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        try:
+            first = collector.stdout.readline().decode("utf-8", "replace")
+            found = re.search(r"at (http://127\.0\.0\.1:\d+) ", first)
+            check(found, "the collector does not say where it serves: " + first)
+            if found:
+                status, output = run(demo, "--collector", found.group(1), "--speed", "1000",
+                                     "--data-dir", os.path.join(work, "served"))
+                check(status == 0, "the demo against the local collector:\n" + output)
+        finally:
+            collector.terminate()
+            served = first + collector.communicate(timeout=30)[0].decode("utf-8", "replace")
+        check(collector.returncode == 0 and "11 hits received" in served and
+              re.search(r"streaming +stop +8 ", served), "the local collector:\n" + served)
     for failure in failures:
         print("FAIL: " + failure)
     sys.exit(1 if failures else 0)
