@@ -354,13 +354,23 @@ TavloKeyedArchiver::Object TavloKeyedArchiver::keyFor(const std::string& key) {
   // NSKeyedArchiver reserves keys that begin with "$" for itself ("$class") and escapes a
   // coder's own such keys with one more "$"; the unarchiver applies the same rule.
   if (!key.empty() && key.front() == '$') return writer_.key(TavloReplacingInvalidUTF8("$" + key));
+  // Records of a class write their keys in the same order: the key met last at this
+  // place of a record is tried first, which spares hashing it.
+  const std::size_t place = currentFields_ == kNoRecord ? 0 : fields_.size() - currentFields_;
+  if (place >= lastKeyAtPlace_.size()) lastKeyAtPlace_.resize(place + 1, 0);
+  uint32_t& last = lastKeyAtPlace_[place];
+  if (last != 0 && writer_.holdsAscii(last - 1, key)) return last - 1;
   uint64_t hash = 0;
   if (!hashAscii(key, hash)) return writer_.key(TavloReplacingInvalidUTF8(key));
   uint64_t slot = 0;
   const auto holds = [&](uint32_t object) { return writer_.holdsAscii(object - 1, key); };
-  if (const uint32_t known = asciiKeys_.find(hash, slot, holds)) return known - 1;
+  if (const uint32_t known = asciiKeys_.find(hash, slot, holds)) {
+    last = known;
+    return known - 1;
+  }
   const Object object = writer_.key(key);
   asciiKeys_.insert(slot, object + 1);
+  last = object + 1;
   return object;
 }
 

@@ -116,6 +116,7 @@ class TavloKeyedArchiver {
   std::vector<Entry> fields_;          // entries of the records being encoded, the innermost last
   std::size_t currentFields_ = kNoRecord;  // where the current record's entries begin in fields_
   std::vector<Object> scratch_;        // a dictionary's keys and values on their way to the writer
+  std::vector<Object> lastKeyAtPlace_;  // the writer's object of the key met last at each place of a record, plus one
   std::vector<uint32_t> lastAtPlace_;  // UID of the key, then the value, met last at each place of a dictionary
   std::unordered_map<const TavloCodable*, uint32_t> recordUIDs_;
   std::unordered_map<const TavloParameters*, uint32_t> parametersUIDs_;
