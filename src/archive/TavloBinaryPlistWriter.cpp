@@ -37,6 +37,21 @@ void putBigEndian(char* at, uint64_t value, unsigned width) {
     value >>= 8;
   }
 }
+template <unsigned kWidth>
+inline void putReference(char* at, uint32_t value) {
+  if constexpr (kWidth == 1) {
+    at[0] = static_cast<char>(value);
+  } else if constexpr (kWidth == 2) {
+    at[0] = static_cast<char>(value >> 8);
+    at[1] = static_cast<char>(value);
+  } else if constexpr (kWidth == 3) {
+    at[0] = static_cast<char>(value >> 16);
+    at[1] = static_cast<char>(value >> 8);
+    at[2] = static_cast<char>(value);
+  } else {
+    putBigEndian(at, value, kWidth);
+  }
+}
 void appendBigEndian(std::string& out, uint64_t value, unsigned width) {
   char bytes[8];
   putBigEndian(bytes, value, width);
@@ -98,8 +113,18 @@ uint32_t hashBytes(unsigned kind, const char* bytes, std::size_t size) {
     h = (h ^ word) * 0xFF51AFD7ED558CCDULL;
     h ^= h >> 32;
   }
+  // The last bytes without a call to memcpy of a varying size: two overlapping halves
+  // for four to seven, byte by byte below.
   uint64_t tail = 0;
-  std::memcpy(&tail, bytes, size);
+  if (size >= 4) {
+    uint32_t first;
+    uint32_t last;
+    std::memcpy(&first, bytes, 4);
+    std::memcpy(&last, bytes + size - 4, 4);
+    tail = uint64_t{first} << 32 | last;
+  } else {
+    for (std::size_t i = 0; i < size; ++i) tail = tail << 8 | static_cast<unsigned char>(bytes[i]);
+  }
   h ^= tail;
   // The finaliser of MurmurHash3: every bit of the input reaches the low bits, which
   // choose the slot.
@@ -124,9 +149,10 @@ void TavloBinaryPlistWriter::reserve(std::size_t objects) {
   refs_.reserve(3 * objects);
   bytes_.reserve(16 * objects);
   // Most objects of an archive are containers and UIDs, which the hash set does not hold:
-  // a quarter of them is a fair guess of what it will, and it grows past that.
+  // a quarter of them is a fair guess of what it will, and it holds that without growing
+  // (a growth rehashes everything held).
   std::size_t slots = tableSlots_;
-  while (slots < objects / 4) slots *= 2;
+  while (3 * slots < 4 * (objects / 4)) slots *= 2;
   if (slots > tableSlots_) allocateTable(slots);
 }
 
@@ -195,9 +221,8 @@ TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::integer(int64_t value) {
   return unique(Kind::Scalar, start);
 }
 
-TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::uid(uint32_t value) {
+TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::newUID(uint32_t value) {
   constexpr uint32_t kDirect = uint32_t{1} << 24;  // UIDs past this go through the hash set
-  if (value < uids_.size() && uids_[value] != kNone) return uids_[value];
   const std::size_t start = bytes_.size();
   const unsigned width = integerBytes(value);
   bytes_ += static_cast<char>(0x80 | (width - 1));
@@ -297,6 +322,53 @@ TavloBinaryPlistWriter::Object TavloBinaryPlistWriter::unique(Kind kind, std::si
   }
 }
 
+// The objects in file order from kHeaderSize on, and the offset table at `objectsEnd`.
+// The reference width is a template argument: it is the same for every reference, and
+// a fixed-width store is a fraction of the cost of a loop over the bytes.
+template <unsigned kRefSize>
+void TavloBinaryPlistWriter::writeObjects(char* bytes, uint64_t objectsEnd, unsigned offsetSize,
+                                          const std::vector<Object>& sequence, const std::vector<uint32_t>& order) const {
+  std::size_t at = kHeaderSize;
+  char* offsets = bytes + objectsEnd;
+  const Object* refs = refs_.data();
+  for (std::size_t i = 0; i < sequence.size(); ++i, offsets += offsetSize) {
+    putBigEndian(offsets, at, offsetSize);
+    const Node node = nodes_[sequence[i]];
+    if (!node.isContainer()) {
+      const char* from = bytes_.data() + node.start;
+      if (node.size() <= 16 && at + 16 <= objectsEnd) {
+        std::memcpy(bytes + at, from, 16);
+      } else {
+        std::memcpy(bytes + at, from, node.size());
+      }
+      at += node.size();
+      continue;
+    }
+    const bool isDictionary = node.kind() == Kind::Dictionary;
+    const std::size_t count = isDictionary ? node.size() / 2 : node.size();
+    const unsigned kind = isDictionary ? 0xD : 0xA;
+    if (count < 15) {
+      bytes[at++] = static_cast<char>((kind << 4) | count);
+    } else {
+      bytes[at++] = static_cast<char>((kind << 4) | 15);
+      const unsigned width = integerBytes(count);
+      bytes[at++] = static_cast<char>(0x10 | log2Of(width));
+      putBigEndian(bytes + at, count, width);
+      at += width;
+    }
+    const Object* references = refs + node.start;
+    char* to = bytes + at;
+    if (isDictionary) {
+      // Keys first, then values: the pairs are stored interleaved.
+      for (std::size_t k = 0; k < count; ++k, to += kRefSize) putReference<kRefSize>(to, order[references[2 * k]]);
+      for (std::size_t k = 0; k < count; ++k, to += kRefSize) putReference<kRefSize>(to, order[references[2 * k + 1]]);
+    } else {
+      for (std::size_t k = 0; k < count; ++k, to += kRefSize) putReference<kRefSize>(to, order[references[k]]);
+    }
+    at = static_cast<std::size_t>(to - bytes);
+  }
+}
+
 std::string TavloBinaryPlistWriter::finish(Object top) {
   if (top >= nodes_.size()) throw std::invalid_argument("not a property-list object of this writer");
   table_.reset();  // no more uniquing: the memory goes before the output's comes
@@ -347,30 +419,15 @@ std::string TavloBinaryPlistWriter::finish(Object top) {
   std::string out(total, '\0');
   char* bytes = out.data();
   std::memcpy(bytes, kHeader, kHeaderSize);
-  std::size_t at = kHeaderSize;
-  std::string header;  // a container's marker and count
-  for (std::size_t i = 0; i < sequence.size(); ++i) {
-    putBigEndian(bytes + objectsEnd + i * offsetSize, at, offsetSize);
-    const Node& node = nodes_[sequence[i]];
-    if (!node.isContainer()) {
-      std::memcpy(bytes + at, bytes_.data() + node.start, node.size());
-      at += node.size();
-      continue;
-    }
-    const bool isDictionary = node.kind() == Kind::Dictionary;
-    const std::size_t count = isDictionary ? node.size() / 2 : node.size();
-    header.clear();
-    appendCounted(header, isDictionary ? 0xD : 0xA, count);
-    std::memcpy(bytes + at, header.data(), header.size());
-    at += header.size();
-    const Object* references = refs_.data() + node.start;
-    if (isDictionary) {
-      // Keys first, then values: the pairs are stored interleaved.
-      for (std::size_t k = 0; k < count; ++k, at += refSize) putBigEndian(bytes + at, order[references[2 * k]], refSize);
-      for (std::size_t k = 0; k < count; ++k, at += refSize) putBigEndian(bytes + at, order[references[2 * k + 1]], refSize);
-    } else {
-      for (std::size_t k = 0; k < count; ++k, at += refSize) putBigEndian(bytes + at, order[references[k]], refSize);
-    }
+  // Scalars are a few bytes each: they are copied 16 bytes at a time, past their end into
+  // the space of the objects that follow (written next), never past the objects' end.
+  bytes_.append(16, '\0');
+  switch (refSize) {
+    case 1: writeObjects<1>(bytes, objectsEnd, offsetSize, sequence, order); break;
+    case 2: writeObjects<2>(bytes, objectsEnd, offsetSize, sequence, order); break;
+    case 3: writeObjects<3>(bytes, objectsEnd, offsetSize, sequence, order); break;
+    case 4: writeObjects<4>(bytes, objectsEnd, offsetSize, sequence, order); break;
+    default: writeObjects<8>(bytes, objectsEnd, offsetSize, sequence, order); break;
   }
 
   char* trailer = bytes + objectsEnd + uint64_t{offsetSize} * sequence.size();

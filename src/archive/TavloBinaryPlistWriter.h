@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -63,7 +64,11 @@ class TavloBinaryPlistWriter {
   /// A string used as a dictionary key: uniqued apart from string values.
   Object key(std::string_view utf8);
   Object integer(int64_t value);
-  Object uid(uint32_t value);
+  Object uid(uint32_t value) {
+    // An archive names the same few UIDs again and again: most are found here.
+    if (value < uids_.size() && uids_[value] != kNone) return uids_[value];
+    return newUID(value);
+  }
   Object boolean(bool value);
   Object real(double value);
 
@@ -75,6 +80,20 @@ class TavloBinaryPlistWriter {
 
   /// The property list with `top` as its top object. The writer is spent afterwards.
   std::string finish(Object top);
+
+  /// Whether `string` is the object that string(`ascii`) or key(`ascii`) made, for text of bytes below
+  /// 0x80 only: callers that keep their own index of texts written compare against the
+  /// writer's copy instead of keeping one of their own.
+  bool holdsAscii(Object string, std::string_view ascii) const {
+    if (string >= nodes_.size()) return false;
+    const Node node = nodes_[string];
+    const std::size_t size = ascii.size();
+    // The marker, then the count as an integer object past 14 bytes.
+    const std::size_t counted = size < 15 ? 1 : size < 256 ? 3 : size < 65536 ? 4 : size <= UINT32_MAX ? 6 : 10;
+    if (node.isContainer() || node.size() != counted + size) return false;
+    const char* held = bytes_.data() + node.start;
+    return (static_cast<unsigned char>(held[0]) >> 4) == 0x5 && sameBytes(held + counted, ascii.data(), size);
+  }
 
  private:
   enum class Kind : uint8_t { Scalar, Key, Array, Dictionary };
@@ -90,10 +109,34 @@ class TavloBinaryPlistWriter {
   };
   static constexpr Object kNone = UINT32_MAX;
 
+  Object newUID(uint32_t value);
+  // memcmp for the short texts of an archive, without the call: overlapping words.
+  static bool sameBytes(const char* a, const char* b, std::size_t size) {
+    const auto word = [](const char* at) {
+      uint64_t value;
+      std::memcpy(&value, at, 8);
+      return value;
+    };
+    const auto half = [](const char* at) {
+      uint32_t value;
+      std::memcpy(&value, at, 4);
+      return value;
+    };
+    if (size > 16) return std::memcmp(a, b, size) == 0;
+    if (size >= 8) return word(a) == word(b) && word(a + size - 8) == word(b + size - 8);
+    if (size >= 4) return half(a) == half(b) && half(a + size - 4) == half(b + size - 4);
+    for (std::size_t i = 0; i < size; ++i) {
+      if (a[i] != b[i]) return false;
+    }
+    return true;
+  }
   Object addNode(std::size_t start, std::size_t size, Kind kind);
   Object unique(Kind kind, std::size_t start);
   void fill(Object container, Kind kind, const Object* references, std::size_t count);
   void allocateTable(std::size_t slots);
+  template <unsigned kRefSize>
+  void writeObjects(char* bytes, uint64_t objectsEnd, unsigned offsetSize, const std::vector<Object>& sequence,
+                    const std::vector<uint32_t>& order) const;
   Object text(Kind kind, std::string_view utf8);
 
   // Where the time goes is fresh memory: each page touched for the first time costs a

@@ -58,6 +58,9 @@ std::string TavloKeyedArchiver::archivedDataWithRootArray(const std::vector<std:
     // A queue's request makes some 50 objects, a few dozen more if its values are its own.
     archiver->writer_.reserve(64 + 96 * objects.size());
     archiver->objects_.reserve(64 + 80 * objects.size());
+    // Some 40 texts of a request are its own when its values are: the index then grows
+    // once at most.
+    archiver->asciiStrings_.reserve(40 * objects.size());
     return archiver->finish(archiver->uidForArray(objects));
   } catch (...) {
     return {};
@@ -80,7 +83,7 @@ void TavloKeyedArchiver::encodeDate(const std::optional<TavloDate>& value, const
     // The class comes before the date in "$objects", as it always has.
     const Entry entries[] = {
         {timeKey_, writer_.real(*value - kTavloSecondsFrom1970To2001)},
-        {classKey_, writer_.uid(uidForClass(kDateClasses))},
+        {classKey_, writer_.uid(knownClass(dateClassUID_, kDateClasses))},
     };
     const Object date = writer_.dictionary();
     writer_.setDictionary(date, entries);
@@ -165,58 +168,115 @@ uint32_t TavloKeyedArchiver::uidForArray(const std::vector<std::shared_ptr<Tavlo
   writer_.setArray(list, elements);
   const Entry entries[] = {
       {objectsKey_, list},
-      {classKey_, writer_.uid(uidForClass(kArrayClasses))},
+      {classKey_, writer_.uid(knownClass(arrayClassUID_, kArrayClasses))},
   };
   writer_.setDictionary(array, entries);
   return uid;
 }
 
 namespace {
-// Only called with 1 to 27 bytes: the first and the last eight (which may overlap).
-std::size_t recentSlot(const std::string& text) {
-  const std::size_t n = std::min<std::size_t>(text.size(), 8);
-  uint64_t head = 0;
-  uint64_t tail = 0;
-  std::memcpy(&head, text.data(), n);
-  std::memcpy(&tail, text.data() + text.size() - n, n);
-  uint64_t h = head ^ (tail << 29 | tail >> 35) ^ text.size();
-  h ^= h >> 33;  // MurmurHash3's finaliser: texts that differ in one byte land apart
-  h *= 0xFF51AFD7ED558CCDULL;
-  h ^= h >> 33;
-  h *= 0xC4CEB9FE1A85EC53ULL;
-  return static_cast<std::size_t>(h >> 55) * 2;  // the first of two slots, among 1024
+uint64_t load64(const char* at) {
+  uint64_t value;
+  std::memcpy(&value, at, 8);
+  return value;
+}
+uint64_t load32(const char* at) {
+  uint32_t value;
+  std::memcpy(&value, at, 4);
+  return value;
 }
 }  // namespace
 
-const TavloKeyedArchiver::RecentText* TavloKeyedArchiver::recall(const RecentTexts& texts, const std::string& text) {
-  if (text.empty() || text.size() > sizeof(RecentText::text)) return nullptr;
-  const std::size_t slot = recentSlot(text);
-  for (const RecentText* recent : {&texts[slot], &texts[slot + 1]}) {
-    if (recent->size == text.size() && std::memcmp(recent->text, text.data(), text.size()) == 0) return recent;
+// One pass, a word at a time: keys and values are mostly a dozen to a few dozen bytes,
+// and every one of them is checked and hashed on every save.
+bool TavloKeyedArchiver::hashAscii(std::string_view text, uint64_t& hash) {
+  constexpr uint64_t kHigh = 0x8080808080808080ULL;
+  constexpr uint64_t kLow = 0x0101010101010101ULL;
+  const char* bytes = text.data();
+  std::size_t size = text.size();
+  uint64_t h = 0x9E3779B97F4A7C15ULL * (size + 1);
+  uint64_t refused = 0;  // a high bit set for a byte past 0x7F or a NUL
+  const auto mix = [&](uint64_t word) {
+    refused |= word | ((word - kLow) & ~word);
+    h = (h ^ word) * 0xFF51AFD7ED558CCDULL;
+    h ^= h >> 32;
+  };
+  for (; size > 8; bytes += 8, size -= 8) mix(load64(bytes));
+  // The last one to eight bytes: the text's last word, overlapping the one before, or two
+  // overlapping halves, or byte by byte.
+  if (text.size() >= 8) {
+    mix(load64(text.data() + text.size() - 8));
+  } else if (size >= 4) {
+    mix(load32(bytes) << 32 | load32(bytes + size - 4));
+  } else if (size > 0) {
+    uint64_t tail = 0x0101010101010101ULL;  // bytes that are neither NUL nor past 0x7F
+    for (std::size_t i = 0; i < size; ++i) tail = tail << 8 | static_cast<unsigned char>(bytes[i]);
+    mix(tail);
   }
-  return nullptr;
+  // MurmurHash3's finaliser: the last bytes of a text sit in the high bits of its last
+  // word, and must reach the bits that choose the slot.
+  h ^= h >> 33;
+  h *= 0xC4CEB9FE1A85EC53ULL;
+  h ^= h >> 33;
+  hash = h;
+  return (refused & kHigh) == 0;
 }
 
-// The newest text takes the first slot, and the one there moves to the second.
-void TavloKeyedArchiver::remember(RecentTexts& texts, const std::string& text, uint32_t object) {
-  if (text.empty() || text.size() > sizeof(RecentText::text)) return;
-  const std::size_t slot = recentSlot(text);
-  texts[slot + 1] = texts[slot];
-  RecentText& recent = texts[slot];
-  recent.object = object;
-  recent.size = static_cast<uint8_t>(text.size());
-  std::memcpy(recent.text, text.data(), text.size());
+TavloKeyedArchiver::TextIndex::TextIndex() : slots_(1024, 0) {}
+
+void TavloKeyedArchiver::TextIndex::reserve(std::size_t texts) {
+  if (used_ != 0) return;
+  std::size_t slots = slots_.size();
+  while (3 * slots < 4 * texts) slots *= 2;
+  if (slots != slots_.size()) slots_.assign(slots, 0);
+}
+
+template <class Holds>
+uint32_t TavloKeyedArchiver::TextIndex::find(uint64_t hash, uint64_t& slot, Holds holds) const {
+  const uint64_t tag = hash >> 32;
+  const std::size_t mask = slots_.size() - 1;
+  for (std::size_t at = tag & mask;; at = (at + 1) & mask) {
+    const uint64_t held = slots_[at];
+    if (held == 0) {
+      slot = tag << 32 | at;
+      return 0;
+    }
+    if (held >> 32 == tag && holds(static_cast<uint32_t>(held))) return static_cast<uint32_t>(held);
+  }
+}
+
+void TavloKeyedArchiver::TextIndex::insert(uint64_t slot, uint32_t value) {
+  slots_[slot & 0xFFFFFFFF] = (slot >> 32) << 32 | value;
+  if (4 * ++used_ <= 3 * slots_.size()) return;
+  // Three quarters full: twice the slots, each entry placed again by the hash it holds.
+  std::vector<uint64_t> grown(2 * slots_.size(), 0);
+  const std::size_t mask = grown.size() - 1;
+  for (const uint64_t held : slots_) {
+    if (held == 0) continue;
+    std::size_t at = (held >> 32) & mask;
+    while (grown[at] != 0) at = (at + 1) & mask;
+    grown[at] = held;
+  }
+  slots_ = std::move(grown);
 }
 
 uint32_t TavloKeyedArchiver::uidForString(const std::string& value) {
-  if (const RecentText* recent = recall(recentStrings_, value)) return recent->object;
+  uint64_t hash = 0;
+  if (hashAscii(value, hash)) {
+    // Equal text is one object: its UID is found by the text.
+    uint64_t slot = 0;
+    const auto holds = [&](uint32_t uid) { return writer_.holdsAscii(objects_[uid], value); };
+    if (const uint32_t uid = asciiStrings_.find(hash, slot, holds)) return uid;
+    // UID 0 is "$null", never a string's: a string "$null" gets one of its own.
+    const uint32_t uid = appendObject(writer_.string(value));
+    asciiStrings_.insert(slot, uid);
+    return uid;
+  }
   if (isPlainText(value)) {
-    // Equal text is one object of the writer: its UID, once it has one, is found by it.
-    const Object text = writer_.string(value);
-    if (text >= stringUIDs_.size()) stringUIDs_.resize(std::max<std::size_t>(text + 1, 2 * stringUIDs_.size()), kNullUID);
-    if (stringUIDs_[text] == kNullUID) stringUIDs_[text] = appendObject(text);
-    remember(recentStrings_, value, stringUIDs_[text]);
-    return stringUIDs_[text];
+    if (const auto known = unicodeStringUIDs_.find(value); known != unicodeStringUIDs_.end()) return known->second;
+    const uint32_t uid = appendObject(writer_.string(value));
+    unicodeStringUIDs_.emplace(value, uid);
+    return uid;
   }
   // Uniqued by the text as given: two different damaged strings stay two objects.
   if (const auto known = repairedStringUIDs_.find(value); known != repairedStringUIDs_.end()) return known->second;
@@ -229,14 +289,25 @@ uint32_t TavloKeyedArchiver::uidForParameters(const TavloParameters& parameters)
   // Requests copied from one another hold the same dictionary: write it once.
   if (const auto known = parametersUIDs_.find(&parameters); known != parametersUIDs_.end()) return known->second;
 
-  std::vector<Object> keysAndValues(2 * parameters.size());
+  scratch_.resize(2 * parameters.size());
+  Object* keysAndValues = scratch_.data();
   std::size_t i = 0;
+  // The hits of a queue carry the same keys in the same places, and often the same values:
+  // the text met last at a place is tried first, which spares hashing it.
+  if (lastAtPlace_.size() < 2 * parameters.size()) lastAtPlace_.resize(2 * parameters.size(), kNullUID);
+  const auto uidAt = [&](std::size_t place, const std::string& text) {
+    uint32_t& last = lastAtPlace_[place];
+    if (last != kNullUID && writer_.holdsAscii(objects_[last], text)) return last;
+    const uint32_t uid = uidForString(text);
+    last = uid;
+    return uid;
+  };
   for (const auto& [key, value] : parameters) {
-    keysAndValues[i] = writer_.uid(uidForString(key));
-    keysAndValues[parameters.size() + i] = writer_.uid(uidForString(value));
+    keysAndValues[i] = writer_.uid(uidAt(2 * i, key));
+    keysAndValues[parameters.size() + i] = writer_.uid(uidAt(2 * i + 1, value));
     ++i;
   }
-  const std::span<const Object> all(keysAndValues);
+  const std::span<const Object> all(scratch_);
   const Object keys = writer_.array();
   writer_.setArray(keys, all.first(parameters.size()));
   const Object values = writer_.array();
@@ -244,12 +315,17 @@ uint32_t TavloKeyedArchiver::uidForParameters(const TavloParameters& parameters)
   const Entry entries[] = {
       {keysKey_, keys},
       {objectsKey_, values},
-      {classKey_, writer_.uid(uidForClass(kDictionaryClasses))},
+      {classKey_, writer_.uid(knownClass(dictionaryClassUID_, kDictionaryClasses))},
   };
   const Object dictionary = writer_.dictionary();
   writer_.setDictionary(dictionary, entries);
   const uint32_t uid = appendObject(dictionary);
   parametersUIDs_.emplace(&parameters, uid);
+  return uid;
+}
+
+uint32_t TavloKeyedArchiver::knownClass(uint32_t& uid, const std::vector<std::string>& chain) {
+  if (uid == kNullUID) uid = uidForClass(chain);
   return uid;
 }
 
@@ -278,10 +354,23 @@ TavloKeyedArchiver::Object TavloKeyedArchiver::keyFor(const std::string& key) {
   // NSKeyedArchiver reserves keys that begin with "$" for itself ("$class") and escapes a
   // coder's own such keys with one more "$"; the unarchiver applies the same rule.
   if (!key.empty() && key.front() == '$') return writer_.key(TavloReplacingInvalidUTF8("$" + key));
-  if (const RecentText* recent = recall(recentKeys_, key)) return recent->object;
-  if (!isPlainText(key)) return writer_.key(TavloReplacingInvalidUTF8(key));
+  // Records of a class write their keys in the same order: the key met last at this
+  // place of a record is tried first, which spares hashing it.
+  const std::size_t place = currentFields_ == kNoRecord ? 0 : fields_.size() - currentFields_;
+  if (place >= lastKeyAtPlace_.size()) lastKeyAtPlace_.resize(place + 1, 0);
+  uint32_t& last = lastKeyAtPlace_[place];
+  if (last != 0 && writer_.holdsAscii(last - 1, key)) return last - 1;
+  uint64_t hash = 0;
+  if (!hashAscii(key, hash)) return writer_.key(TavloReplacingInvalidUTF8(key));
+  uint64_t slot = 0;
+  const auto holds = [&](uint32_t object) { return writer_.holdsAscii(object - 1, key); };
+  if (const uint32_t known = asciiKeys_.find(hash, slot, holds)) {
+    last = known;
+    return known - 1;
+  }
   const Object object = writer_.key(key);
-  remember(recentKeys_, key, object);
+  asciiKeys_.insert(slot, object + 1);
+  last = object + 1;
   return object;
 }
 

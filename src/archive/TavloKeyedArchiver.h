@@ -1,13 +1,13 @@
 // Writes records as an NSKeyedArchiver archive in a binary property list.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -78,20 +78,33 @@ class TavloKeyedArchiver {
   uint32_t uidForString(const std::string& value);
   uint32_t uidForParameters(const TavloParameters& parameters);
   uint32_t uidForClass(const std::vector<std::string>& chain);
+  // uidForClass, remembered in `uid` for the classes every date, array or dictionary names.
+  uint32_t knownClass(uint32_t& uid, const std::vector<std::string>& chain);
   Object keyFor(const std::string& key);
   void setInCurrent(Object key, Object value);
 
-  // Short texts seen last, two per hash of the text: a queue repeats its keys and many
-  // of its values in every request, and a hit here skips the checks and the writer's
-  // hash set.
-  struct RecentText {
-    uint32_t object = 0;  // UID of a string, or the writer's object of a key
-    uint8_t size = 0;
-    char text[27];
+  // Texts already written, by a hash of the text: a queue repeats its keys and many of
+  // its values in every request. Open addressing over slots holding hash << 32 | value,
+  // 0 when free; the text itself is compared against the writer's copy of it, so the
+  // index holds no text of its own. Only text of bytes below 0x80 and without NUL is
+  // indexed here, whose bytes in the file are the text itself.
+  class TextIndex {
+   public:
+    TextIndex();
+    // The value stored with the text of `hash` (`holds` tells a candidate's text apart),
+    // or 0 with `slot` set to where it goes, for insert.
+    template <class Holds>
+    uint32_t find(uint64_t hash, uint64_t& slot, Holds holds) const;
+    void insert(uint64_t slot, uint32_t value);
+    // Room for about `texts` texts before the first insert.
+    void reserve(std::size_t texts);
+
+   private:
+    std::vector<uint64_t> slots_;
+    std::size_t used_ = 0;
   };
-  using RecentTexts = std::array<RecentText, 1024>;
-  static const RecentText* recall(const RecentTexts& texts, const std::string& text);
-  static void remember(RecentTexts& texts, const std::string& text, uint32_t object);
+  // Whether every byte of `text` is below 0x80 and none is NUL; `hash` is set either way.
+  static bool hashAscii(std::string_view text, uint64_t& hash);
 
   TavloBinaryPlistWriter writer_;
   // The archive's own keys, written into almost every object.
@@ -99,14 +112,21 @@ class TavloKeyedArchiver {
   const Object timeKey_ = writer_.key("NS.time");
   const Object keysKey_ = writer_.key("NS.keys");
   const Object objectsKey_ = writer_.key("NS.objects");
-  RecentTexts recentStrings_{};
-  RecentTexts recentKeys_{};
   std::vector<Object> objects_;        // the "$objects" array, by UID
   std::vector<Entry> fields_;          // entries of the records being encoded, the innermost last
   std::size_t currentFields_ = kNoRecord;  // where the current record's entries begin in fields_
+  std::vector<Object> scratch_;        // a dictionary's keys and values on their way to the writer
+  std::vector<Object> lastKeyAtPlace_;  // the writer's object of the key met last at each place of a record, plus one
+  std::vector<uint32_t> lastAtPlace_;  // UID of the key, then the value, met last at each place of a dictionary
   std::unordered_map<const TavloCodable*, uint32_t> recordUIDs_;
   std::unordered_map<const TavloParameters*, uint32_t> parametersUIDs_;
-  std::vector<uint32_t> stringUIDs_;   // by the writer's object of a string written as it is; 0 for none
+  TextIndex asciiStrings_;             // UIDs of strings
+  TextIndex asciiKeys_;                // the writer's objects of keys, plus one
+  std::unordered_map<std::string, uint32_t> unicodeStringUIDs_;   // valid text with bytes past 0x7F
   std::unordered_map<std::string, uint32_t> repairedStringUIDs_;  // strings that had to be repaired, as given
   std::map<std::string, uint32_t> classUIDs_;  // by class name
+  // The classes of the containers, named by every date, dictionary and array.
+  uint32_t dateClassUID_ = 0;
+  uint32_t arrayClassUID_ = 0;
+  uint32_t dictionaryClassUID_ = 0;
 };

@@ -60,6 +60,10 @@ TEST(TavloKeyedArchive, WritesTheSameBytesAsLibplistAndReadsBackWhatItWrote) {
       TavloRequestTypeStreaming, -1, text, std::make_shared<TavloTaggerID>(text, -5, true), 978307200.5);
   TavloParameters wide;
   for (int i = 0; i < 300; ++i) wide.emplace("k" + std::to_string(i), std::to_string(i % 7));
+  // Distinct texts of every length class past what the writer's text index starts with,
+  // in places where the text met before at the same place differs by one byte.
+  TavloParameters distinct;
+  for (int i = 0; i < 3000; ++i) distinct.emplace(std::string(1 + i % 40, 'k') + std::to_string(i), std::to_string(i / 2));
   struct Case {
     std::string what;
     Queue queue;
@@ -79,6 +83,8 @@ TEST(TavloKeyedArchive, WritesTheSameBytesAsLibplistAndReadsBackWhatItWrote) {
         failedAt(kTavloSecondsFrom1970To2001 + 0.5)}},
       {"dates that are not finite read as nil", {failedAt(INFINITY), failedAt(NAN)}, Queue{fails(0), fails(0)}},
       {"a dictionary of 300 entries", {with(same, wide)}},
+      {"3000 distinct keys, values repeated in turn, then the same again in a second request",
+       {with(same, distinct), with(same, distinct)}},
       {"a string past 16 MiB (4-byte offsets)", {with(same, {{"big", std::string((16 << 20) + 1, 'x')}})}},
       {"2000 requests of unique values (3-byte references)", TavloSampleQueue(2000, 35, true)},
   };
