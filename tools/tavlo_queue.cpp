@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "agent/TavloQueueLocation.h"
+#include "agent/TavloDeliveryLedger.h"
 #include "agent/TavloSentJournal.h"
 #include "TavloQueueReport.h"
 #include "linux/TavloPosixFileSystem.h"
@@ -35,7 +36,9 @@ const char* const kDetails =
     "  list      prints every queued request: kind (audience, streaming, marker), sending mode,\n"
     "            status, fails, creation and last-fail times (ISO 8601 UTC and seconds since\n"
     "            1970), serial, tagger identity, authorisation and parameters; --json prints\n"
-    "            one JSON object instead, problems included\n"
+    "            one JSON object instead, problems included; the text listing also says which\n"
+    "            hits the sent journal marks as sent, and what the last run that shut down\n"
+    "            did with its hits (queued, sent, dropped by reason)\n"
     "  validate  exits 0 when the file is sound, 1 with a one-line reason when it is damaged\n"
     "            or unreadable\n"
     "  path      prints where the library keeps the queue of the application that names\n"
@@ -85,11 +88,36 @@ void reportSentJournal(const std::string& file, const TavloQueueReport& report) 
   std::printf("still to send: %zu of %zu\n", report.elements().size() - sent.size(), report.elements().size());
 }
 
+// What the last run that shut down cleanly did with its hits, as it left it beside the file.
+void reportDelivery(const std::string& file) {
+  std::string text;
+  if (TavloPosixFileSystem().readFile(file + ".delivery", text, 1024 * 1024)) return;
+  const std::vector<TavloDeliveryCounts> all = TavloDeliveryLedger::fromText(text);
+  if (all.empty()) return;
+  std::printf("the last run's hits, as %s.delivery says:\n", file.c_str());
+  for (const TavloDeliveryCounts& counts : all) {
+    std::string dropped;
+    for (std::size_t reason = 0; reason < kTavloDropReasonCount; ++reason) {
+      if (counts.dropped[reason] == 0) continue;
+      dropped += (dropped.empty() ? " (" : ", ") + std::to_string(counts.dropped[reason]) + " " +
+                 TavloDropReasonName(static_cast<TavloDropReason>(reason));
+    }
+    if (!dropped.empty()) dropped += ")";
+    std::printf("  serial %s, %s: %llu queued, %llu sent, %llu dropped%s\n", counts.serial.c_str(),
+                counts.requestType == 1 ? "streaming" : "audience", static_cast<unsigned long long>(counts.queued),
+                static_cast<unsigned long long>(counts.sent), static_cast<unsigned long long>(counts.droppedInAll()),
+                dropped.c_str());
+  }
+}
+
 int list(const std::string& file, bool asJson) {
   const TavloQueueReport report = TavloQueueReport::fromFile(file);
   const std::string output = asJson ? report.json(file) : report.text(file);
   std::fwrite(output.data(), 1, output.size(), stdout);
-  if (!asJson) reportSentJournal(file, report);
+  if (!asJson) {
+    reportSentJournal(file, report);
+    reportDelivery(file);
+  }
   reportProblems(file, report);
   return finish(report.isValid() ? kExitOK : kExitDamaged);
 }

@@ -116,6 +116,10 @@ void TavloAgent::shutdown() {
   // Whatever was handed over before the call is in the file when this returns.
   takeHandOver();
   std::lock_guard lock(requestsProtector);
+  // This run's delivery counts, beside the queue file, for tavlo-queue to show.
+  if (const std::string path = deliveryPath(); !path.empty()) {
+    platform_.files->writeFileAtomically(path, ledger_.text(), 0600);
+  }
   fileLock_.reset();
 }
 
@@ -590,6 +594,8 @@ void TavloAgent::purgeForConsent() {
 std::string TavloAgent::consentPath() const {
   return queuePath_.empty() ? std::string() : queuePath_.substr(0, queuePath_.rfind('/') + 1) + "consent";
 }
+
+std::string TavloAgent::deliveryPath() const { return queuePath_.empty() ? std::string() : queuePath_ + ".delivery"; }
 
 void TavloAgent::readConsent(const std::string& queuePath) {
   std::string word;

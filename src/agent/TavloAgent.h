@@ -78,7 +78,8 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 /// sent journal beside the file (see TavloSentJournal), so a process killed in the middle
 /// of a drain sends again at most the one request that was in flight; the file itself
 /// takes the removals in at its next rewrite, so sending never encodes or syncs it.
-/// `shutdown` writes whatever was handed over before it was called.
+/// `shutdown` writes whatever was handed over before it was called, and leaves the run's
+/// delivery counts in "requests.ser.delivery" beside the file for `tavlo-queue`.
 /// At start, audience requests in the file are dropped and streaming ones kept, followed by
 /// a clear-cache marker; temporaries left by a process killed during a save are removed.
 /// The file is guarded by an advisory lock: a second process of the same application
@@ -278,6 +279,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void purgeForConsent();
   /// Where the consent state is kept: beside the queue file, or nowhere.
   std::string consentPath() const;  // REQUIRES: requestsProtector held
+  /// Where shutdown leaves this run's delivery counts: "requests.ser.delivery", or nowhere.
+  std::string deliveryPath() const;  // REQUIRES: requestsProtector held
   void readConsent(const std::string& queuePath);  // on requestHandler only, at start
   /// Gives a queued request the cached authorisation, and forgets it for a request that
   /// renews its session. REQUIRES: requestsProtector held.

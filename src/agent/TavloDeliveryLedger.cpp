@@ -1,6 +1,8 @@
 #include "agent/TavloDeliveryLedger.h"
 
+#include <algorithm>
 #include <exception>
+#include <sstream>
 
 #include "platform/TavloLogger.h"
 #include "util/TavloLogSafe.h"
@@ -72,6 +74,32 @@ std::vector<TavloDeliveryCounts> TavloDeliveryLedger::counts() const {
   std::vector<TavloDeliveryCounts> all;
   all.reserve(entries_.size());
   for (const auto& [key, entry] : entries_) all.push_back(entry);
+  return all;
+}
+
+std::string TavloDeliveryLedger::text() const {
+  std::string text;
+  for (const TavloDeliveryCounts& counts : this->counts()) {
+    text += std::to_string(counts.requestType) + " " + std::to_string(counts.queued) + " " + std::to_string(counts.sent);
+    for (const uint64_t dropped : counts.dropped) text += " " + std::to_string(dropped);
+    text += " " + TavloLogSafe(counts.serial) + "\n";
+  }
+  return text;
+}
+
+std::vector<TavloDeliveryCounts> TavloDeliveryLedger::fromText(std::string_view text) {
+  std::vector<TavloDeliveryCounts> all;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    std::istringstream line{std::string(text.substr(0, end))};
+    text.remove_prefix(std::min(end + 1, text.size()));
+    TavloDeliveryCounts counts;
+    line >> counts.requestType >> counts.queued >> counts.sent;
+    for (uint64_t& dropped : counts.dropped) line >> dropped;
+    if (!line || line.get() != ' ') continue;
+    std::getline(line, counts.serial);
+    all.push_back(std::move(counts));
+  }
   return all;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <string_view>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -26,6 +27,12 @@ class TavloDeliveryLedger {
 
   /// Every serial and type seen, ordered by serial then type.
   std::vector<TavloDeliveryCounts> counts() const;
+  /// The counts as text, one line per serial and type: the type, queued, sent, the drops
+  /// by reason, then the serial (escaped as log lines escape it). What `tavlo-queue` reads
+  /// back from the file the agent leaves beside the queue file at shutdown.
+  std::string text() const;
+  /// Reads `text` back; lines that are not counts are skipped.
+  static std::vector<TavloDeliveryCounts> fromText(std::string_view text);
   /// Hits sent and dropped in all, for what a flush did.
   std::pair<uint64_t, uint64_t> totals() const;
 

@@ -45,7 +45,9 @@ def main():
               "against its own server:\n" + output)
         path, status, listing = queue_listing(queue_tool, output)
         check(path == os.path.join(data, "TavloDemo/TavloCache/requests.ser") and status == 0 and
-              re.search(r"^0 elements|^still to send: 0 of", listing, re.M), "the drained queue %s: %s" % (path, listing))
+              re.search(r"^0 elements|^still to send: 0 of", listing, re.M) and
+              "serial tavlo-demo, streaming: 8 queued, 8 sent, 0 dropped" in listing,
+              "the drained queue %s: %s" % (path, listing))
 
         status, output = run(demo, "--collector", "http://127.0.0.1:1", "--wait", "0", "--speed", "1000",  # refused
                              "--data-dir", os.path.join(work, "unreachable"))
@@ -53,6 +55,7 @@ def main():
               "FAILED: hits are still waiting" in output, "with no collector:\n" + output)
         status, listing = queue_listing(queue_tool, output)[1:]
         check(status == 0 and "11 elements: 3 audience, 8 streaming" in listing and
+              "serial tavlo-demo, audience: 3 queued, 0 sent, 0 dropped" in listing and
               '"cmsSN" = "Night Train"' in listing and '"c" = "home"' in listing, "the waiting hits:\n" + listing)
         # A collector that answers 404 to everything takes every hit, yet none counts as sent.
         class NotFound(http.server.BaseHTTPRequestHandler):
