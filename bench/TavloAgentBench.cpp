@@ -33,7 +33,7 @@
 #include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "support/TavloTestPlatform.h"
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 
 extern char** environ;
 
@@ -160,14 +160,14 @@ void BM_KilledWhileSendingResendsOnlyTheHitInFlight(benchmark::State& state) {
   std::mt19937 random(42);
   size_t lost = 0, extraDuplicates = 0, kills = 0;
   for (auto _ : state) {
-    TavloTestServer collector;
+    TavloLocalServer collector;
     std::mutex protector;
     std::multiset<std::string> received;
-    collector.handle("/m/web/", [&](const TavloTestServerRequest& request) {
+    collector.handle("/m/web/", [&](const TavloLocalServerRequest& request) {
       const auto start = request.query.find("c=");
       std::lock_guard lock(protector);
       received.insert(request.query.substr(start, request.query.find('&', start) - start));
-      return TavloTestServerResponse::with(200);
+      return TavloLocalServerResponse::with(200);
     });
     TavloTemporaryDirectory directory;
     writeQueueFile(directory.path(), "h", 500, collector.baseURL());

@@ -26,7 +26,7 @@
 #include "platform/TavloLogger.h"
 #include "support/TavloTestPlatform.h"
 #include "tavlo/platform/TavloLogSink.h"
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/TavloVersion.h"
@@ -104,11 +104,11 @@ void report(benchmark::State& state, const std::string& what, double figure, dou
 // ---- A collector on loopback, and a platform that sends to it ----
 
 struct Collector {
-  TavloTestServer server{TavloTestServer::Options{true}};
+  TavloLocalServer server{TavloLocalServer::Options{true}};
   Collector() {
-    server.handle("/m/web/", [](const TavloTestServerRequest&) { return TavloTestServerResponse::with(200); });
-    server.handle("/", [this](const TavloTestServerRequest&) {
-      return TavloTestServerResponse::with(200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=5");
+    server.handle("/m/web/", [](const TavloLocalServerRequest&) { return TavloLocalServerResponse::with(200); });
+    server.handle("/", [this](const TavloLocalServerRequest&) {
+      return TavloLocalServerResponse::with(200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=5");
     });
   }
   std::vector<std::string> hitURLs() const {

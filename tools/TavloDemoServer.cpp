@@ -3,22 +3,22 @@
 #include <utility>
 
 TavloDemoServer::TavloDemoServer(Observer observer, int port)
-    : observer_(std::move(observer)), server_(TavloTestServer::Options{false, port}) {
-  server_.handle("/m/web/", [this](const TavloTestServerRequest& request) {
+    : observer_(std::move(observer)), server_(TavloLocalServer::Options{false, port}) {
+  server_.handle("/m/web/", [this](const TavloLocalServerRequest& request) {
     if (observer_) observer_(request.target);
-    return TavloTestServerResponse::with(200, "OK");
+    return TavloLocalServerResponse::with(200, "OK");
   });
-  server_.handle("", [this](const TavloTestServerRequest& request) {
+  server_.handle("", [this](const TavloLocalServerRequest& request) {
     if (observer_) observer_(request.target);
     if (request.path.size() <= 1 || request.path.find('/', 1) != std::string::npos) {
-      return TavloTestServerResponse::with(404, "no such endpoint");
+      return TavloLocalServerResponse::with(404, "no such endpoint");
     }
     int visit = 0;
     {
       std::lock_guard lock(protector_);
       visit = ++visits_;
     }
-    return TavloTestServerResponse::with(200, "access=full|host=" + baseURL() + "/m/web/|cmsVI=" + std::to_string(visit));
+    return TavloLocalServerResponse::with(200, "access=full|host=" + baseURL() + "/m/web/|cmsVI=" + std::to_string(visit));
   });
 }
 

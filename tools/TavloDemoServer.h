@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 
-/// The collection and authorisation server of the integration tests (TavloTestServer,
+/// The collection and authorisation server of the integration tests (TavloLocalServer,
 /// cpp-httplib on 127.0.0.1 and a port the kernel chose), answering as both ends the
 /// library talks to:
 ///  - "GET /<serial>" authorises the serial: it answers "access=full", sends hits back
@@ -43,7 +43,7 @@ class TavloDemoServer {
 
  private:
   const Observer observer_;
-  TavloTestServer server_;  // made before the handlers are set, which use it
+  TavloLocalServer server_;  // made before the handlers are set, which use it
   std::mutex protector_;
   int visits_ = 0;  // guarded by protector_
 };

@@ -8,7 +8,7 @@
 #include "linux/TavloCurlHttpClient.h"
 #include "archive/TavloKeyedArchiver.h"
 #include "support/TavloAgentFixture.h"
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 #include "tavlo/TavloAudienceTagger.h"
 #include "tavlo/TavloVersion.h"
 #include "tagging/TavloAudienceTaggerImpl.h"
@@ -20,12 +20,12 @@ class TavloAudienceIntegrationTest : public TavloAgentTest {
   void SetUp() override {
     test.platform.httpClient = std::make_shared<TavloCurlHttpClient>();
     test.platform.endpoints = TavloEndpoints::allAt(server.baseURL());
-    server.handle("/", [this](const TavloTestServerRequest& request) {
+    server.handle("/", [this](const TavloLocalServerRequest& request) {
       const std::string serial = request.path.substr(1);
       if (serial == "restricted" || serial == "denied") {
-        return TavloTestServerResponse::with(200, "access=" + serial + "|host=" + server.baseURL() + "/m/web/|cmsVI=9");
+        return TavloLocalServerResponse::with(200, "access=" + serial + "|host=" + server.baseURL() + "/m/web/|cmsVI=9");
       }
-      return TavloTestServerResponse::with(200, "access=full|host=" + collectionBase + "/m/web/|cmsVI=9");
+      return TavloLocalServerResponse::with(200, "access=full|host=" + collectionBase + "/m/web/|cmsVI=9");
     });
     server.respond("/m/web/", 200, "OK");
     collectionBase = server.baseURL();
@@ -36,15 +36,15 @@ class TavloAudienceIntegrationTest : public TavloAgentTest {
     return TavloAudienceTaggerOnAgent(agent, serial, std::move(customerData));
   }
 
-  std::vector<TavloTestServerRequest> hits() {
-    std::vector<TavloTestServerRequest> found;
+  std::vector<TavloLocalServerRequest> hits() {
+    std::vector<TavloLocalServerRequest> found;
     for (const auto& request : server.requests()) {
       if (request.path.rfind("/m/web/", 0) == 0) found.push_back(request);
     }
     return found;
   }
 
-  TavloTestServer server;
+  TavloLocalServer server;
   std::string collectionBase;
 };
 

@@ -3,7 +3,7 @@
 #include "auth/TavloAuthManager.h"
 #include "linux/TavloCurlHttpClient.h"
 #include "support/TavloLoggingFixture.h"
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 
 namespace {
 
@@ -12,7 +12,7 @@ using TavloAuthManagerIntegrationTest = TavloLoggingTest;
 // Every answer sets the clock delta, even one whose body is of no use; no answer at all
 // keeps the last one and gives the defaults.
 TEST_F(TavloAuthManagerIntegrationTest, AnswersFromTheServerOrLocalDefaultsAndTheClockDelta) {
-  TavloTestServer server;
+  TavloLocalServer server;
   test.platform.httpClient = std::make_shared<TavloCurlHttpClient>();
   test.platform.endpoints = TavloEndpoints::allAt(server.baseURL());
   const TavloDate now = test.clock->now();
@@ -27,8 +27,8 @@ TEST_F(TavloAuthManagerIntegrationTest, AnswersFromTheServerOrLocalDefaultsAndTh
   TavloAuthManager manager(test.platform);
   const TavloTaggerID tagger{"123", TavloTaggerID::kAudiencePartialID, false};
   for (const auto& [status, body, date, mode, host, cmsVI] : cases) {
-    server.handle("/", [&](const TavloTestServerRequest&) {
-      TavloTestServerResponse response = TavloTestServerResponse::with(status, body);
+    server.handle("/", [&](const TavloLocalServerRequest&) {
+      TavloLocalServerResponse response = TavloLocalServerResponse::with(status, body);
       response.date = date;
       return response;
     });

@@ -7,7 +7,7 @@
 
 #include "linux/TavloCurlHttpClient.h"
 #include "streaming/TavloStreamingFixture.h"
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 #include "tavlo/TavloVersion.h"
 
 namespace {
@@ -18,24 +18,24 @@ class TavloStreamingIntegrationTest : public TavloStreamingTest {
     test.platform.httpClient = std::make_shared<TavloCurlHttpClient>();
     test.platform.endpoints = TavloEndpoints::allAt(server.baseURL());
     // Each exchange opens a new visit: 41, 42, ...
-    server.handle("/", [this](const TavloTestServerRequest&) {
-      return TavloTestServerResponse::with(
+    server.handle("/", [this](const TavloLocalServerRequest&) {
+      return TavloLocalServerResponse::with(
           200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=" + std::to_string(++visits));
     });
     server.respond("/m/web/", 200, "OK");
     TavloStreamingTest::SetUp();
   }
 
-  std::vector<TavloTestServerRequest> received(bool authorisations) {
+  std::vector<TavloLocalServerRequest> received(bool authorisations) {
     settle();
-    std::vector<TavloTestServerRequest> found;
+    std::vector<TavloLocalServerRequest> found;
     for (const auto& request : server.requests()) {
       if ((request.path.rfind("/m/web/", 0) != 0) == authorisations) found.push_back(request);
     }
     return found;
   }
 
-  TavloTestServer server;
+  TavloLocalServer server;
   std::atomic<int> visits{40};
 };
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "support/TavloTemporaryDirectory.h"
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 #include "tavlo/TavloVersion.h"
 
 int main(int argc, char** argv) {
@@ -17,9 +17,9 @@ int main(int argc, char** argv) {
       argc == 4 ? argv[3] : std::string("TavloAudienceExample/1.0 Tavlo SDK v") + TavloVersionString + " apple tv";
   TavloTemporaryDirectory home;
   setenv("XDG_DATA_HOME", home.path().c_str(), 1);  // the example's queue file and device id go here
-  TavloTestServer server;
-  server.handle("/", [&](const TavloTestServerRequest&) {
-    return TavloTestServerResponse::with(200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=1");
+  TavloLocalServer server;
+  server.handle("/", [&](const TavloLocalServerRequest&) {
+    return TavloLocalServerResponse::with(200, "access=full|host=" + server.baseURL() + "/m/web/|cmsVI=1");
   });
   server.respond("/m/web/", 200, "OK");
 

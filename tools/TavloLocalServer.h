@@ -1,4 +1,6 @@
-// An HTTP server inside the test process, on 127.0.0.1.
+// An HTTP server inside the process, on 127.0.0.1: tavlo-demo's collection and
+// authorisation server (embedded, or as the local collector of --serve) and the
+// integration tests' stand-in for both.
 #pragma once
 
 #include <atomic>
@@ -22,7 +24,7 @@ class Server;
 }
 
 /// One request as the server received it.
-struct TavloTestServerRequest {
+struct TavloLocalServerRequest {
   std::string method;
   /// The request target exactly as it was on the request line: path and query, still
   /// percent-encoded ("/m/web/?s=1&l=a%20b"), or the whole URL when sent to a proxy.
@@ -41,7 +43,7 @@ struct TavloTestServerRequest {
 };
 
 /// What a handler answers.
-struct TavloTestServerResponse {
+struct TavloLocalServerResponse {
   int status = 200;
   std::string body;  // sent as text/plain
   /// Sent as they are, after the ones cpp-httplib writes itself.
@@ -51,15 +53,15 @@ struct TavloTestServerResponse {
   std::optional<TavloDate> date;
 
   /// A plain answer; the other fields keep their defaults.
-  static TavloTestServerResponse with(int status, std::string body = {});
+  static TavloLocalServerResponse with(int status, std::string body = {});
 };
 
 /// A real HTTP/1.1 server (cpp-httplib) on 127.0.0.1 and a port the kernel chose, for
 /// integration tests and the demo: the library's real client talks to it, and the test
 /// asserts on the requests as they arrived.
 ///
-///   TavloTestServer server;
-///   server.handle("/m/web/", [](const TavloTestServerRequest& r) { return TavloTestServerResponse::with(200, "ok"); });
+///   TavloLocalServer server;
+///   server.handle("/m/web/", [](const TavloLocalServerRequest& r) { return TavloLocalServerResponse::with(200, "ok"); });
 ///   platform.endpoints = TavloEndpoints::allAt(server.baseURL());
 ///   ...
 ///   ASSERT_TRUE(server.waitForRequests(1));
@@ -73,9 +75,9 @@ struct TavloTestServerResponse {
 /// The constructor returns once the server accepts connections; the destructor stops
 /// it and waits for its threads. Handlers run on the server's threads, several at once;
 /// every member is callable from any thread (`stateProtector` guards the state).
-class TavloTestServer {
+class TavloLocalServer {
  public:
-  using Handler = std::function<TavloTestServerResponse(const TavloTestServerRequest&)>;
+  using Handler = std::function<TavloLocalServerResponse(const TavloLocalServerRequest&)>;
 
   struct Options {
     /// Off by default: every answer closes its connection, so stopping never waits for
@@ -88,11 +90,11 @@ class TavloTestServer {
   };
 
   /// Starts the server. Throws std::runtime_error when it cannot listen.
-  TavloTestServer();
-  explicit TavloTestServer(Options options);
-  ~TavloTestServer();
-  TavloTestServer(const TavloTestServer&) = delete;
-  TavloTestServer& operator=(const TavloTestServer&) = delete;
+  TavloLocalServer();
+  explicit TavloLocalServer(Options options);
+  ~TavloLocalServer();
+  TavloLocalServer(const TavloLocalServer&) = delete;
+  TavloLocalServer& operator=(const TavloLocalServer&) = delete;
 
   /// "http://127.0.0.1:PORT", without a trailing slash.
   const std::string& baseURL() const { return base; }
@@ -104,7 +106,7 @@ class TavloTestServer {
   void respond(const std::string& pathPrefix, int status, std::string body = {}, TavloHttpHeaders headers = {});
 
   /// Every request received so far, in the order they arrived.
-  std::vector<TavloTestServerRequest> requests() const;
+  std::vector<TavloLocalServerRequest> requests() const;
   std::size_t requestCount() const;
   /// Waits until at least `count` requests have arrived; false if the time ran out.
   bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
@@ -114,7 +116,7 @@ class TavloTestServer {
 
  private:
   void start(const Options& options);
-  void serve(const TavloTestServerRequest& request, TavloTestServerResponse& response) const;
+  void serve(const TavloLocalServerRequest& request, TavloLocalServerResponse& response) const;
 
   std::unique_ptr<httplib::Server> server;
   std::thread listener;
@@ -123,6 +125,6 @@ class TavloTestServer {
 
   mutable std::mutex stateProtector;
   mutable std::condition_variable requestArrived;           // notified under stateProtector
-  std::vector<TavloTestServerRequest> received;             // guarded by stateProtector
+  std::vector<TavloLocalServerRequest> received;             // guarded by stateProtector
   std::vector<std::pair<std::string, Handler>> handlers;    // guarded by stateProtector
 };

@@ -1,4 +1,4 @@
-#include "support/TavloTestServer.h"
+#include "TavloLocalServer.h"
 
 #include <httplib.h>
 
@@ -24,8 +24,8 @@ bool isBookkeepingHeader(const std::string& name) {
   return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
 }
 
-TavloTestServerRequest recordOf(const httplib::Request& request) {
-  TavloTestServerRequest record;
+TavloLocalServerRequest recordOf(const httplib::Request& request) {
+  TavloLocalServerRequest record;
   record.method = request.method;
   record.target = request.target;
   const auto question = request.target.find('?');
@@ -56,7 +56,7 @@ std::string httpDate(TavloDate date) {
   return text;
 }
 
-void writeResponse(const TavloTestServerResponse& answer, httplib::Response& response) {
+void writeResponse(const TavloLocalServerResponse& answer, httplib::Response& response) {
   response.status = answer.status;
   if (answer.date) response.set_header("Date", httpDate(*answer.date));
   for (const auto& [name, value] : answer.headers) response.set_header(name, value);
@@ -65,40 +65,40 @@ void writeResponse(const TavloTestServerResponse& answer, httplib::Response& res
 
 }  // namespace
 
-std::optional<std::string> TavloTestServerRequest::header(const std::string& name) const {
+std::optional<std::string> TavloLocalServerRequest::header(const std::string& name) const {
   for (const auto& [headerName, value] : headers) {
     if (sameName(headerName, name)) return value;
   }
   return std::nullopt;
 }
 
-TavloTestServerResponse TavloTestServerResponse::with(int status, std::string body) {
-  TavloTestServerResponse answer;
+TavloLocalServerResponse TavloLocalServerResponse::with(int status, std::string body) {
+  TavloLocalServerResponse answer;
   answer.status = status;
   answer.body = std::move(body);
   return answer;
 }
 
-TavloTestServer::TavloTestServer() : TavloTestServer(Options{}) {}
+TavloLocalServer::TavloLocalServer() : TavloLocalServer(Options{}) {}
 
-TavloTestServer::TavloTestServer(Options options) { start(options); }
+TavloLocalServer::TavloLocalServer(Options options) { start(options); }
 
-TavloTestServer::~TavloTestServer() { stop(); }
+TavloLocalServer::~TavloLocalServer() { stop(); }
 
-void TavloTestServer::start(const Options& options) {
+void TavloLocalServer::start(const Options& options) {
   server = std::make_unique<httplib::Server>();
   // An idle keep-alive connection holds a worker, and stop() waits for the workers.
   server->set_keep_alive_max_count(options.keepAlive ? 100 : 1);
   server->set_keep_alive_timeout(1);
 
   const auto dispatch = [this](const httplib::Request& request, httplib::Response& response) {
-    TavloTestServerRequest record = recordOf(request);
+    TavloLocalServerRequest record = recordOf(request);
     {
       std::lock_guard<std::mutex> lock(stateProtector);
       received.push_back(record);
       requestArrived.notify_all();
     }
-    TavloTestServerResponse answer;
+    TavloLocalServerResponse answer;
     serve(record, answer);
     writeResponse(answer, response);
   };
@@ -130,13 +130,13 @@ void TavloTestServer::start(const Options& options) {
   }
 }
 
-void TavloTestServer::stop() {
+void TavloLocalServer::stop() {
   if (!listener.joinable()) return;
   server->stop();
   listener.join();
 }
 
-void TavloTestServer::serve(const TavloTestServerRequest& request, TavloTestServerResponse& response) const {
+void TavloLocalServer::serve(const TavloLocalServerRequest& request, TavloLocalServerResponse& response) const {
   Handler chosen;
   {
     std::lock_guard<std::mutex> lock(stateProtector);
@@ -156,13 +156,13 @@ void TavloTestServer::serve(const TavloTestServerRequest& request, TavloTestServ
   try {
     response = chosen(request);
   } catch (const std::exception& failure) {
-    response = TavloTestServerResponse{};
+    response = TavloLocalServerResponse{};
     response.status = 500;
     response.body = std::string("handler threw: ") + failure.what();
   }
 }
 
-void TavloTestServer::handle(const std::string& pathPrefix, Handler handler) {
+void TavloLocalServer::handle(const std::string& pathPrefix, Handler handler) {
   std::lock_guard<std::mutex> lock(stateProtector);
   for (auto& [prefix, existing] : handlers) {
     if (prefix == pathPrefix) {
@@ -173,23 +173,23 @@ void TavloTestServer::handle(const std::string& pathPrefix, Handler handler) {
   handlers.emplace_back(pathPrefix, std::move(handler));
 }
 
-void TavloTestServer::respond(const std::string& pathPrefix, int status, std::string body, TavloHttpHeaders headers) {
-  TavloTestServerResponse answer = TavloTestServerResponse::with(status, std::move(body));
+void TavloLocalServer::respond(const std::string& pathPrefix, int status, std::string body, TavloHttpHeaders headers) {
+  TavloLocalServerResponse answer = TavloLocalServerResponse::with(status, std::move(body));
   answer.headers = std::move(headers);
-  handle(pathPrefix, [answer](const TavloTestServerRequest&) { return answer; });
+  handle(pathPrefix, [answer](const TavloLocalServerRequest&) { return answer; });
 }
 
-std::vector<TavloTestServerRequest> TavloTestServer::requests() const {
+std::vector<TavloLocalServerRequest> TavloLocalServer::requests() const {
   std::lock_guard<std::mutex> lock(stateProtector);
   return received;
 }
 
-std::size_t TavloTestServer::requestCount() const {
+std::size_t TavloLocalServer::requestCount() const {
   std::lock_guard<std::mutex> lock(stateProtector);
   return received.size();
 }
 
-bool TavloTestServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
+bool TavloLocalServer::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(stateProtector);
   return requestArrived.wait_for(lock, timeout, [&] { return received.size() >= count; });
 }
