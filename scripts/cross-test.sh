@@ -14,7 +14,7 @@
 #    they need real sockets and child processes, which the box itself is for.
 #
 #   TAVLO_CROSS_BUILD_DIR=...   the build folder (default build-<arch>)
-#   TAVLO_CROSS_LABEL=...       the CTest label to run (default unit)
+#   TAVLO_CROSS_LABEL=...       the CTest labels to run (default unit; "unit|integration" for all)
 # About 15 minutes on two cores from a clean clone; see docs/testing.md.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -49,12 +49,24 @@ for p in "${packages[@]}"; do
   fi
 done
 if [ ${#missing[@]} -ne 0 ]; then
+  added=""
   if [ "$arch" != "$(dpkg --print-architecture)" ] && ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
     echo "Adding the $arch architecture to dpkg"
     "${sudo_cmd[@]}" dpkg --add-architecture "$arch"
+    added="$arch"
   fi
   echo "Installing: ${missing[*]}"
-  "${sudo_cmd[@]}" apt-get update
+  # An architecture whose package indexes do not download whole (a mirror caught mid-sync
+  # answers with a file of the wrong size) would make every later apt-get update on this
+  # machine fail: what this script added, it takes back before giving up.
+  if ! "${sudo_cmd[@]}" apt-get update; then
+    if [ -n "$added" ]; then
+      echo "The $added package indexes did not download cleanly; removing the $added architecture again" >&2
+      "${sudo_cmd[@]}" dpkg --remove-architecture "$added"
+      "${sudo_cmd[@]}" apt-get update || true
+    fi
+    exit 1
+  fi
   DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
 fi
 
@@ -72,5 +84,5 @@ cmake --build "$build" --parallel "$jobs"
 export no_proxy="127.0.0.1,localhost${no_proxy:+,$no_proxy}"
 export NO_PROXY="$no_proxy"
 echo "== $(date +%T) tests labelled $label under $(grep -m1 '^TAVLO_CROSS_EMULATOR:' "$build/CMakeCache.txt" | cut -d= -f2)"
-ctest --test-dir "$build" --label-regex "^$label\$" --output-on-failure --parallel "$jobs" --timeout 300
+ctest --test-dir "$build" --label-regex "^($label)\$" --output-on-failure --parallel "$jobs" --timeout 300
 echo "== $(date +%T) $triplet: every $label test passed under emulation"
