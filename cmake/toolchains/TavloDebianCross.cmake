@@ -16,8 +16,10 @@ set(CMAKE_CXX_COMPILER ${TAVLO_CROSS_TRIPLET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${TAVLO_CROSS_TRIPLET})
 
 # Programs (python3, the code generators) come from the build machine; libraries, headers
-# and CMake packages from the target's folders only.
-set(CMAKE_FIND_ROOT_PATH /usr/${TAVLO_CROSS_TRIPLET})
+# and CMake packages from the target's folders only. A root given on the command line
+# (-DCMAKE_FIND_ROOT_PATH=<staging folder> with Tavlo installed in it) is searched too.
+list(APPEND CMAKE_FIND_ROOT_PATH /usr/${TAVLO_CROSS_TRIPLET})
+list(REMOVE_DUPLICATES CMAKE_FIND_ROOT_PATH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
