@@ -15,7 +15,8 @@
 #
 #   TAVLO_CROSS_BUILD_DIR=...   the build folder (default build-<arch>)
 #   TAVLO_CROSS_LABEL=...       the CTest labels to run (default unit; "unit|integration" for all)
-# About 15 minutes on two cores from a clean clone; see docs/testing.md.
+# About 4 minutes on two cores from a clean clone (3 to build, 1 for the tests), and one
+# more on a fresh machine while apt installs; see docs/testing.md.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
