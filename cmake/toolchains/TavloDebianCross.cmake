@@ -4,7 +4,9 @@
 # Debian's multiarch layout needs no separate sysroot: the target's headers and libraries
 # sit under /usr/include/<triplet> and /usr/lib/<triplet>, which the cross compiler
 # searches by itself. What must not happen is that CMake or pkg-config picks up the build
-# machine's own libraries, so the search is pinned to the target's folders.
+# machine's own libraries: CMake looks in the <triplet> subfolders of the usual places
+# (CMAKE_LIBRARY_ARCHITECTURE) and under the cross compiler's own root, pkg-config reads
+# the target's .pc files only.
 set(CMAKE_SYSTEM_NAME Linux)
 string(REGEX MATCH "^[^-]+" CMAKE_SYSTEM_PROCESSOR "${TAVLO_CROSS_TRIPLET}")
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "arm")
@@ -15,8 +17,9 @@ set(CMAKE_C_COMPILER ${TAVLO_CROSS_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${TAVLO_CROSS_TRIPLET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${TAVLO_CROSS_TRIPLET})
 
-# Programs (python3, the code generators) come from the build machine; libraries, headers
-# and CMake packages from the target's folders only. A root given on the command line
+# Programs (python3, the code generators) come from the build machine. Libraries, headers
+# and CMake packages are looked for both under the roots and in the system's own places
+# (BOTH): the multiarch folders are not under any one root. A root given on the command line
 # (-DCMAKE_FIND_ROOT_PATH=<staging folder> with Tavlo installed in it) is searched too.
 list(APPEND CMAKE_FIND_ROOT_PATH /usr/${TAVLO_CROSS_TRIPLET})
 list(REMOVE_DUPLICATES CMAKE_FIND_ROOT_PATH)
