@@ -55,4 +55,10 @@ sanitized address,undefined
 sanitized thread
 echo "== $(date +%T) fuzz targets, ${TAVLO_FUZZ_SECONDS:-60} s each"
 bash "$root/scripts/fuzz.sh" "${TAVLO_FUZZ_SECONDS:-60}"
+# --- Opt-in hook: an ARM cross build and its unit tests under qemu-user --------------------
+# TAVLO_CROSS=aarch64 (or armhf) runs scripts/cross-test.sh last; about 5 minutes more for
+# aarch64 on two cores, installs included (docs/testing.md).
+if [ -n "${TAVLO_CROSS:-}" ]; then
+  bash "$root/scripts/cross-test.sh" "$TAVLO_CROSS"
+fi
 echo "== $(date +%T) every check passed"

@@ -85,7 +85,11 @@ TEST(TavloNetlinkReachabilityIntegrationTest, ReadsTheFlagsOfThisMachine) {
 
 TEST(TavloNetlinkReachabilityIntegrationTest, FreshNamespaceIsOfflineAndFollowsADefaultRouteComingAndGoing) {
   // This binary again, in the namespace, with the marker set; killed if it outlives three minutes.
-  FILE* child = ::popen((std::string(kChildMarker) + "=1 timeout -s KILL 180 unshare -rn '" + std::filesystem::read_symlink("/proc/self/exe").string() +
+  // A cross build's program runs under the emulator CTest started it with: the host's
+  // unshare cannot execute it by itself.
+  const char* emulator = std::getenv("TAVLO_TEST_EMULATOR");
+  const std::string runner = emulator != nullptr && *emulator != '\0' ? std::string(emulator) + " " : "";
+  FILE* child = ::popen((std::string(kChildMarker) + "=1 timeout -s KILL 180 unshare -rn " + runner + "'" + std::filesystem::read_symlink("/proc/self/exe").string() +
                          "' --gtest_also_run_disabled_tests --gtest_filter=TavloNetlinkInFreshNamespace.* 2>&1").c_str(), "r");
   ASSERT_NE(nullptr, child);
   std::string output;
