@@ -735,14 +735,18 @@ bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, con
     }
     return false;
   }
-  if (error) {
-    ledger_.dropped(*request, TavloDropReason::AccessRefused);
-  } else if (outcome.kind == Outcome::Sent) {
-    ledger_.sent(*request);
-  } else {
-    ledger_.dropped(*request,
-                    outcome.kind == Outcome::HttpStatus ? TavloDropReason::HttpStatus : TavloDropReason::InvalidURL,
-                    outcome.status);
+  // A request purged or pushed out of a full queue while in flight was counted then: each
+  // hit is counted once, so that queued = sent + dropped + still queued.
+  if (std::find(requestQueue.begin(), requestQueue.end(), request) != requestQueue.end()) {
+    if (error) {
+      ledger_.dropped(*request, TavloDropReason::AccessRefused);
+    } else if (outcome.kind == Outcome::Sent) {
+      ledger_.sent(*request);
+    } else {
+      ledger_.dropped(*request,
+                      outcome.kind == Outcome::HttpStatus ? TavloDropReason::HttpStatus : TavloDropReason::InvalidURL,
+                      outcome.status);
+    }
   }
   logOutcome(" handling done", TavloLoggingModeInfo);
   removeRequestFromQueue(request);

@@ -79,6 +79,27 @@ char* toC(const TavloString& value) {
   return copy;
 }
 
+// The holder of a C callback and its release. From the call that hands them over, the
+// release is ours to call whatever happens: when even the holder cannot be made, it is
+// called at once, and the result is null.
+template <typename Holder, typename Function>
+std::shared_ptr<Holder> holdCallback(const char* function, Function callback, tavlo_release_fn release,
+                                     void* user_data) noexcept {
+  try {
+    return std::make_shared<Holder>(callback, release, user_data);
+  } catch (...) {
+    logError(function, "No memory for the callback: it is released unused");
+    if (release) {
+      try {
+        release(user_data);
+      } catch (...) {
+        logError("tavlo_release_fn", "The release callback threw: ignored");
+      }
+    }
+    return nullptr;
+  }
+}
+
 bool hasControlCharacter(const char* text) {
   for (const char* c = text; c && *c; ++c) {
     const auto byte = static_cast<unsigned char>(*c);
@@ -524,20 +545,8 @@ uint8_t tavlo_platform_set_proxy(tavlo_platform_t* platform, const char* proxy) 
 void tavlo_platform_set_log_callback(tavlo_platform_t* platform, tavlo_log_fn log, tavlo_release_fn release,
                                      void* user_data) noexcept {
   static constexpr const char* kFunction = "tavlo_platform_set_log_callback";
-  // From here on the release is ours to call, whatever happens below.
-  std::shared_ptr<CallbackLogSink> sink;
-  try {
-    sink = std::make_shared<CallbackLogSink>(log, release, user_data);
-  } catch (...) {
-    logError(kFunction, "No memory for the callback: it is released unused");
-    if (release) {
-      try {
-        release(user_data);
-      } catch (...) {
-      }
-    }
-    return;
-  }
+  std::shared_ptr<CallbackLogSink> sink = holdCallback<CallbackLogSink>(kFunction, log, release, user_data);
+  if (!sink) return;
   if (!given(platform, kFunction, "platform")) return;  // `sink` goes, and releases
   guard(kFunction, [&] {
     std::shared_ptr<TavloLogSink> previous = std::move(platform->logSink);
@@ -763,21 +772,8 @@ void tavlo_streaming_tagger_notify_event_at(tavlo_streaming_tagger_t* tagger, in
 void tavlo_streaming_tagger_set_position_callback(tavlo_streaming_tagger_t* tagger, tavlo_position_fn position,
                                                   tavlo_release_fn release, void* user_data) noexcept {
   static constexpr const char* kFunction = "tavlo_streaming_tagger_set_position_callback";
-  // From here on the release is ours to call, whatever happens below.
-  std::shared_ptr<PositionCallback> callback;
-  try {
-    callback = std::make_shared<PositionCallback>(position, release, user_data);
-  } catch (...) {
-    logError(kFunction, "No memory for the callback: it is released unused");
-    if (release) {
-      try {
-        release(user_data);
-      } catch (...) {
-        logError("tavlo_release_fn", "The release callback threw: ignored");
-      }
-    }
-    return;
-  }
+  std::shared_ptr<PositionCallback> callback = holdCallback<PositionCallback>(kFunction, position, release, user_data);
+  if (!callback) return;
   if (!given(tagger, kFunction, "tagger")) return;  // `callback` goes, and releases
   guard(kFunction, [&] {
     if (!callback->suppliesPositions()) callback.reset();

@@ -109,6 +109,7 @@ TEST_F(TavloDeliveryTest, EveryHitEndsCountedAsSentOrDroppedWithItsReason) {
          goOffline();
          agent->addRequestToQueue(audienceRequest("a"));
          agent->addRequestToQueue(streamingRequest("s"));
+         ASSERT_TRUE(agent->TEST_waitForHandOver());  // queued while offline, not on the way back
          goOnline();
        },
        0, "q1 s0 discarded at reconnection:1", {"discarded at reconnection 123/0"}},
