@@ -175,37 +175,50 @@ bool inRange(int index, int count, const char* function) noexcept {
   return false;
 }
 
+// A C callback's user data and release: the release runs once, when the holder goes. What
+// it throws is logged where a log can take it (`report`), and ignored either way.
+class CallbackRelease {
+ public:
+  CallbackRelease(tavlo_release_fn release, void* userData, bool report)
+      : release_(release), userData_(userData), report_(report) {}
+  ~CallbackRelease() {
+    if (!release_) return;
+    try {
+      release_(userData_);
+    } catch (...) {
+      if (report_) logError("tavlo_release_fn", "The release callback threw: ignored");
+    }
+  }
+  CallbackRelease(const CallbackRelease&) = delete;
+  CallbackRelease& operator=(const CallbackRelease&) = delete;
+  void* userData() const { return userData_; }
+
+ private:
+  const tavlo_release_fn release_;
+  void* const userData_;
+  const bool report_;
+};
+
 // The C callbacks behind a streaming tagger's delegate. The C handle holds it strongly and
 // the tagger weakly, so the release runs when the handle lets go of it and no call of the
 // tagger is still using it: always after the last position call.
 class PositionCallback final : public TavloStreamingTaggerDelegate {
  public:
   PositionCallback(tavlo_position_fn position, tavlo_release_fn release, void* userData)
-      : position_(position), release_(release), userData_(userData) {}
-  ~PositionCallback() override {
-    if (!release_) return;
-    try {
-      release_(userData_);
-    } catch (...) {
-      logError("tavlo_release_fn", "The release callback threw: ignored");
-    }
-  }
-  PositionCallback(const PositionCallback&) = delete;
-  PositionCallback& operator=(const PositionCallback&) = delete;
+      : position_(position), held_(release, userData, true) {}
 
   bool suppliesPositions() const { return position_ != nullptr; }
 
   // What the callback throws, the tagger logs and takes as an unknown position.
   std::optional<int64_t> currentPositionForStreamingTagger(TavloStreamingTagger&) override {
     int64_t position = TavloStreamingTaggerUnknownLocation;
-    if (!position_ || position_(userData_, &position) == 0) return std::nullopt;
+    if (!position_ || position_(held_.userData(), &position) == 0) return std::nullopt;
     return position;
   }
 
  private:
   const tavlo_position_fn position_;
-  const tavlo_release_fn release_;
-  void* const userData_;
+  const CallbackRelease held_;
 };
 
 }  // namespace
@@ -236,23 +249,14 @@ namespace {
 // written on some thread) lets go, so always after the last call.
 class CallbackLogSink final : public TavloLogSink {
  public:
+  // A release that throws is not reported: the sink that would carry the line is this one.
   CallbackLogSink(tavlo_log_fn log, tavlo_release_fn release, void* userData)
-      : log_(log), release_(release), userData_(userData) {}
-  ~CallbackLogSink() override {
-    if (!release_) return;
-    try {
-      release_(userData_);
-    } catch (...) {
-      // Nowhere to report it: the sink that would carry the line is this one.
-    }
-  }
-  CallbackLogSink(const CallbackLogSink&) = delete;
-  CallbackLogSink& operator=(const CallbackLogSink&) = delete;
+      : log_(log), held_(release, userData, false) {}
 
   void writeLine(std::string_view line, TavloLogLevel level) override {
     try {
       const std::string text(line);  // NUL-terminated for C
-      log_(userData_, static_cast<int>(level), text.c_str());
+      log_(held_.userData(), static_cast<int>(level), text.c_str());
     } catch (...) {
       // A line the callback could not take is lost; it must not end the library's thread.
     }
@@ -260,8 +264,7 @@ class CallbackLogSink final : public TavloLogSink {
 
  private:
   const tavlo_log_fn log_;
-  const tavlo_release_fn release_;
-  void* const userData_;
+  const CallbackRelease held_;
 };
 }  // namespace
 
