@@ -43,9 +43,8 @@ std::shared_ptr<TavloAgent> TavloAgent::sharedAgent() {
   // Never destroyed: the send loop may be in the middle of an exchange when the process
   // exits, and joining it from a static destructor would hold the exit up.
   static const std::shared_ptr<TavloAgent>* const shared = [] {
-    TavloMarkInstalledPlatformTaken();
     auto* agent = new std::shared_ptr<TavloAgent>(
-        make(TavloPlatform::installed(), TavloAuthManager::manager(), TavloNotificationCenter::defaultCenter()));
+        make(TavloPlatformForSingleton(), TavloAuthManager::manager(), TavloNotificationCenter::defaultCenter()));
     madeSharedAgent.store(agent->get());
     return agent;
   }();
@@ -124,7 +123,7 @@ void TavloAgent::shutdown() {
 }
 
 void TavloAgent::addTavloAudienceTagger(const std::shared_ptr<TavloAudienceTagger>& tagger) {
-  TavloLogger::log("A new TavloAudienceTagger was created", TavloLoggingModeInfo);
+  log("A new TavloAudienceTagger was created", TavloLoggingModeInfo);
   if (!tagger) return;
   std::lock_guard lock(audienceTaggersProtector);
   // The first tagger registered under a key wins.
@@ -162,17 +161,17 @@ std::string TavloAgent::requestsFilePath() {
 }
 
 void TavloAgent::loadRequests() {
-  TavloLogger::log("Loading requests from cache", TavloLoggingModeInfo);
+  log("Loading requests from cache", TavloLoggingModeInfo);
   std::error_code error;
   const std::string path = prepareQueueFile(error);
   if (path.empty()) {
-    TavloLogger::log("No data directory for the request queue (neither XDG_DATA_HOME nor HOME names one); "
+    log("No data directory for the request queue (neither XDG_DATA_HOME nor HOME names one); "
                      "requests are kept in memory only",
                      TavloLoggingModeError);
     return;
   }
   if (error) {
-    TavloLogger::log("The request queue cannot be kept in " + TavloLogSafe(path) + " (" + error.message() +
+    log("The request queue cannot be kept in " + TavloLogSafe(path) + " (" + error.message() +
                          "); requests are kept in memory only",
                      TavloLoggingModeError);
     return;
@@ -180,11 +179,11 @@ void TavloAgent::loadRequests() {
   auto lock = platform_.files->tryLockFile(path + ".lock", error);
   if (!lock) {
     if (error == std::errc::resource_unavailable_try_again) {
-      TavloLogger::log("The request queue file " + path + " is in use by another process of this application; " +
+      log("The request queue file " + path + " is in use by another process of this application; " +
                            "this process keeps its requests in memory only",
                        TavloLoggingModeWarning);
     } else {
-      TavloLogger::log("The request queue cannot be kept in " + path + " (" + error.message() +
+      log("The request queue cannot be kept in " + path + " (" + error.message() +
                            "); requests are kept in memory only",
                        TavloLoggingModeError);
     }
@@ -201,14 +200,14 @@ void TavloAgent::loadRequests() {
   const std::string journalPath = TavloSentJournal::pathFor(path);
   error = platform_.files->readFile(path, data, TavloKeyedUnarchiver::maxArchiveBytes);
   if (error && error != std::errc::no_such_file_or_directory) {
-    TavloLogger::log("Could not read the request queue file " + TavloLogSafe(path) + " (" + error.message() +
+    log("Could not read the request queue file " + TavloLogSafe(path) + " (" + error.message() +
                          "); starting with an empty queue",
                      TavloLoggingModeWarning);
   } else if (!error) {
     std::string why;
     const auto decoded = TavloKeyedUnarchiver::unarchivedArrayWithData(data, TavloRecordClasses(), &why);
     if (!decoded) {
-      TavloLogger::log("The request queue file " + TavloLogSafe(path) + " is damaged (" + TavloLogSafe(why) +
+      log("The request queue file " + TavloLogSafe(path) + " is damaged (" + TavloLogSafe(why) +
                            "); starting with an empty queue, the file is replaced at the next save",
                        TavloLoggingModeWarning);
     } else {
@@ -264,7 +263,7 @@ void TavloAgent::loadRequests() {
 }
 
 void TavloAgent::saveRequests() {
-  TavloLogger::log("Saving requests to cache", TavloLoggingModeInfo);
+  log("Saving requests to cache", TavloLoggingModeInfo);
   ++changeCount_;
 }
 
@@ -300,7 +299,7 @@ void TavloAgent::persistLocked() {
   if (error) {
     if (!saveFailureLogged_) {
       saveFailureLogged_ = true;
-      TavloLogger::log("Could not save the request queue to " + TavloLogSafe(path) + " (" + error.message() +
+      log("Could not save the request queue to " + TavloLogSafe(path) + " (" + error.message() +
                            "); requests are kept in memory and saving is tried again at every change",
                        TavloLoggingModeError);
     }
@@ -349,7 +348,7 @@ void TavloAgent::journalRemoval(const TavloRequest* removed) {
 
 void TavloAgent::logCount() {
   if (!TavloLogger::wouldLog(TavloLoggingModeInfo)) return;
-  TavloLogger::log("We have now " + std::to_string(requestQueue.size()) + " request(s) to handle",
+  log("We have now " + std::to_string(requestQueue.size()) + " request(s) to handle",
                    TavloLoggingModeInfo);
 }
 
@@ -367,7 +366,7 @@ size_t parameterBytes(const TavloRequest& request) {
 bool TavloAgent::refusesOversized(const TavloRequest& request) {
   const size_t bytes = parameterBytes(request);
   if (bytes <= maximumHitBytes) return false;
-  TavloLogger::log("A hit of serial " + TavloLogSafe(request.serial().value_or("(null)")) + " carries " +
+  log("A hit of serial " + TavloLogSafe(request.serial().value_or("(null)")) + " carries " +
                        std::to_string(bytes) + " bytes of parameters, more than the " +
                        std::to_string(maximumHitBytes) + " a hit may carry; it is dropped",
                    TavloLoggingModeError);
@@ -464,7 +463,7 @@ void TavloAgent::takeHandOver() {
       dropped = std::exchange(droppedSinceLastTake_, 0);
     }
     if (dropped > 0) {
-      TavloLogger::log(std::to_string(dropped) +
+      log(std::to_string(dropped) +
                            " hit(s) came faster than the queue could take them and were dropped, oldest first",
                        TavloLoggingModeWarning);
 #ifdef __GLIBC__
@@ -512,7 +511,7 @@ void TavloAgent::takeHandOver() {
     if (!path.empty()) {
       const char* const words[] = {"granted\n", "pending\n", "revoked\n"};
       if (const std::error_code error = platform_.files->writeFileAtomically(path, words[static_cast<int>(last)], 0600)) {
-        TavloLogger::log("Could not keep the consent state in " + TavloLogSafe(path) + " (" + error.message() +
+        log("Could not keep the consent state in " + TavloLogSafe(path) + " (" + error.message() +
                              "); it holds for this process only",
                          TavloLoggingModeError);
       }
@@ -526,7 +525,7 @@ void TavloAgent::takeHandOver() {
 }
 
 void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
-  TavloLogger::log("Adding a request in queue", TavloLoggingModeInfo);
+  log("Adding a request in queue", TavloLoggingModeInfo);
   // The hit reaches the queue and the file at once, but its authorisation is what the
   // cache holds once the exchange in flight is over: that exchange may be the one that
   // fills the cache (the first hit of a serial), and a stop handed over meanwhile must
@@ -557,7 +556,7 @@ void TavloAgent::attachCachedAuth(TavloRequest& request) {
   request.setAuth(authManager_->authFromCacheForTagger(*tagger));
   if (request.shouldRenewSessionAfter()) {
     authManager_->forgetAuthForTagger(*tagger);
-    TavloLogger::log("ShouldRenewSession", TavloLoggingModeInfo);
+    log("ShouldRenewSession", TavloLoggingModeInfo);
   }
 }
 
@@ -584,7 +583,7 @@ void TavloAgent::purgeAudienceRequests() {
 void TavloAgent::purgeForConsent() {
   if (requestQueue.empty()) return;
   for (const auto& queued : requestQueue) ledger_.dropped(*queued, TavloDropReason::Consent);
-  TavloLogger::log("Consent revoked: " + std::to_string(requestQueue.size()) + " queued request(s) dropped",
+  log("Consent revoked: " + std::to_string(requestQueue.size()) + " queued request(s) dropped",
                    TavloLoggingModeInfo);
   requestQueue.clear();
   publishQueueLength();
@@ -607,7 +606,7 @@ void TavloAgent::readConsent(const std::string& queuePath) {
   if (kept == "pending") consent = static_cast<int>(TavloConsent::Pending);
   if (kept == "revoked") consent = static_cast<int>(TavloConsent::Revoked);
   if (consent < 0) {
-    TavloLogger::log("The consent file " + TavloLogSafe(path) + " says neither granted, pending nor revoked; "
+    log("The consent file " + TavloLogSafe(path) + " says neither granted, pending nor revoked; "
                      "consent is taken as pending until the application says otherwise",
                      TavloLoggingModeError);
     consent = static_cast<int>(TavloConsent::Pending);
@@ -618,7 +617,7 @@ void TavloAgent::readConsent(const std::string& queuePath) {
 
 void TavloAgent::setConsent(TavloConsent consent, bool resetDeviceIdentifier) {
   if (static_cast<int>(consent) < 0 || static_cast<int>(consent) > 2) {
-    TavloLogger::log("Consent " + std::to_string(static_cast<int>(consent)) +
+    log("Consent " + std::to_string(static_cast<int>(consent)) +
                          " is not granted (0), pending (1) or revoked (2): ignored",
                      TavloLoggingModeError);
     return;
@@ -633,12 +632,12 @@ void TavloAgent::setConsent(TavloConsent consent, bool resetDeviceIdentifier) {
 
 void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& request) {
   if (!request) return;
-  TavloLogger::log("Removing request from queue", TavloLoggingModeInfo);
+  log("Removing request from queue", TavloLoggingModeInfo);
   std::erase_if(requestQueue, [&](const auto& queued) { return request->isEqual(*queued); });
   publishQueueLength();
   // Only the send loop removes, and it journals each removal before its next request:
   // the file plus its journal already say this, and no rewrite is due for it.
-  TavloLogger::log("Saving requests to cache", TavloLoggingModeInfo);
+  log("Saving requests to cache", TavloLoggingModeInfo);
   logCount();
 }
 
@@ -679,7 +678,7 @@ void TavloAgent::handleRequests() {
       }
       if (stopping_) return;
 
-      TavloLogger::log("Request to handle !", TavloLoggingModeInfo);
+      log("Request to handle !", TavloLoggingModeInfo);
       request = requestQueue.front();
       if (request->isClearCacheMarker() || !isTheRequestValid(*request)) {
         if (request->isClearCacheMarker()) {
@@ -696,7 +695,7 @@ void TavloAgent::handleRequests() {
     // The exchange runs without requestsProtector: hits handed over meanwhile reach the
     // queue and the file at once instead of waiting for the network.
     if (TavloLogger::wouldLog(TavloLoggingModeInfo)) {
-      TavloLogger::log("Handling request " + request->description(platform_.endpoints), TavloLoggingModeInfo);
+      log("Handling request " + request->description(platform_.endpoints), TavloLoggingModeInfo);
     }
     Outcome outcome;
     const std::optional<TavloError> error = handleRequest(request, outcome);
@@ -722,7 +721,7 @@ bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, con
   // The request is described as it was sent: with its authorisation and network name.
   const auto logOutcome = [&](const char* outcome, TavloLoggingMode mode) {
     if (TavloLogger::wouldLog(mode)) {
-      TavloLogger::log("Request " + request->description(platform_.endpoints) + outcome, mode);
+      log("Request " + request->description(platform_.endpoints) + outcome, mode);
     }
   };
   if (error && (error->code == TavloErrorNotReachable || error->code == TavloErrorNoAnswer)) {
@@ -778,11 +777,11 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
   const std::shared_ptr<TavloAccess> access = auth ? auth->currentAccess() : nullptr;
   if (!access || !access->canSendRequestFor(request->requestType())) {
     if (access && access->accessMode() == TavloAccessModeDenied) {
-      TavloLogger::log("Request " + request->description(platform_.endpoints) +
+      log("Request " + request->description(platform_.endpoints) +
                            " can't be sent because of access denied for its serial",
                        TavloLoggingModeError);
     } else {
-      TavloLogger::log("TavloAudienceTagger - Can't send hit anymore with this serial : " +
+      log("TavloAudienceTagger - Can't send hit anymore with this serial : " +
                            TavloLogSafe(request->serial().value_or("(null)")),
                        TavloLoggingModeError);
     }
@@ -790,14 +789,14 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
   }
   if (request->shouldRenewSessionAfter() && tagger) {
     authManager_->forgetAuthForTagger(*tagger);
-    TavloLogger::log("ShouldRenewSession", TavloLoggingModeInfo);
+    log("ShouldRenewSession", TavloLoggingModeInfo);
   }
 
   const TavloString url = request->url(reachability_->currentReachabilityStatus(),
                                        timeIntervalBetweenServerAndDevice(), platform_.endpoints);
   const auto invalidParameters = [&] {
     outcome.kind = Outcome::InvalidURL;
-    TavloLogger::log("Request " + request->description(platform_.endpoints) +
+    log("Request " + request->description(platform_.endpoints) +
                          " was not sent because of invalid parameters",
                      TavloLoggingModeError);
     return std::nullopt;
@@ -809,12 +808,12 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
   } catch (const std::exception& failure) {
     // An HTTP client of the application's that throws must not end the send loop: the
     // attempt counts as one that got no answer.
-    TavloLogger::log(std::string("The HTTP client threw (") + TavloLogSafe(failure.what()) +
+    log(std::string("The HTTP client threw (") + TavloLogSafe(failure.what()) +
                          "); the request is kept and tried again",
                      TavloLoggingModeError);
     response = TavloHttpResponse{};
   } catch (...) {
-    TavloLogger::log("The HTTP client threw; the request is kept and tried again", TavloLoggingModeError);
+    log("The HTTP client threw; the request is kept and tried again", TavloLoggingModeError);
     response = TavloHttpResponse{};
   }
   // A request the client cannot even form would fail the same way for ever: it goes,
@@ -830,7 +829,7 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
                                  ? "Request " + request->description(platform_.endpoints) + " sent"
                                  : std::string();
     if (request->requestType() == TavloRequestTypeAudience && tagger) authManager_->hitSuccessfullySentForTagger(*tagger);
-    if (!sent.empty()) TavloLogger::log(sent, TavloLoggingModeInfo);
+    if (!sent.empty()) log(sent, TavloLoggingModeInfo);
   }
   // Any other status: done, dropped without a retry.
   outcome = *response.status == 200 ? Outcome{Outcome::Sent, 200} : Outcome{Outcome::HttpStatus, *response.status};
@@ -850,13 +849,13 @@ bool TavloAgent::isTheRequestValid(const TavloRequest& request) {
 }
 
 void TavloAgent::reachabilityStatusChanged() {
-  TavloLogger::log("Connection status changed - we check if we can send any request", TavloLoggingModeInfo);
+  log("Connection status changed - we check if we can send any request", TavloLoggingModeInfo);
   if (!reachability_ || !reachability_->isReachable()) return;
   handOver({HandOver::ReconnectionPurge, nullptr});
 }
 
 void TavloAgent::applicationWillEnterForeground() {
-  TavloLogger::log("Application entered foreground - we check if any requests should be sent", TavloLoggingModeInfo);
+  log("Application entered foreground - we check if any requests should be sent", TavloLoggingModeInfo);
   handOver({HandOver::Wake, nullptr});
 }
 

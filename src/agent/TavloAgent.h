@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <unordered_map>
 #include <vector>
@@ -20,6 +21,7 @@
 #include "agent/TavloSerialQueue.h"
 #include "auth/TavloAuthManager.h"
 #include "identity/TavloTaggerIdentifier.h"
+#include "platform/TavloLogger.h"
 #include "platform/TavloNotificationCenter.h"
 #include "platform/TavloReachability.h"
 #include "request/TavloRequest.h"
@@ -184,6 +186,11 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   double timeIntervalBetweenServerAndDevice() const { return authManager_->timeIntervalBetweenServerAndDevice(); }
 
   const TavloPlatform& platform() const { return platform_; }
+  /// Writes a line to this agent's log sink, through the logger's threshold: the agent's
+  /// own lines and those of the taggers made on it go to the platform it was built with.
+  void log(std::string_view message, int64_t mode) const {
+    TavloLogger::logTo(platform_.logSink.get(), message, mode);
+  }
   const std::shared_ptr<TavloAuthManager>& authManager() const { return authManager_; }
   /// Where the agent's reachability monitor posts, and where streaming taggers made on
   /// this agent listen for network changes.

@@ -21,6 +21,7 @@ TavloDefaultParameters::TavloDefaultParameters(const TavloPlatform& platform)
     : deviceInfo_(platform.deviceInfo),
       random_(platform.random),
       advertisingIdProvider_(platform.advertisingIdProvider),
+      logSink_(platform.logSink),
       uuidHandler_(platform.secureStore, platform.random, platform.logSink) {}
 
 std::string TavloDefaultParameters::TavloVersion() { return TavloVersionString; }
@@ -59,14 +60,14 @@ TavloParameters TavloDefaultParameters::defaultParametersWith(HitDraw draw) {
 
 TavloString TavloDefaultParameters::appleDID() {
   if (!advertisingIdProvider_) {
-    TavloLogger::log("Can't get did", TavloLoggingModeInfo);
+    TavloLogger::logTo(logSink_.get(), "Can't get did", TavloLoggingModeInfo);
     return std::nullopt;
   }
   TavloString identifier = advertisingIdProvider_->advertisingIdentifier();
   if (identifier) {
     for (char& c : *identifier) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   }
-  TavloLogger::log("Using did : " + TavloLogSafe(identifier.value_or("(null)")), TavloLoggingModeInfo);
+  TavloLogger::logTo(logSink_.get(), "Using did : " + TavloLogSafe(identifier.value_or("(null)")), TavloLoggingModeInfo);
   return identifier;
 }
 

@@ -65,6 +65,7 @@ class TavloDefaultParameters {
   const std::shared_ptr<TavloDeviceInfo> deviceInfo_;
   const std::shared_ptr<TavloRandom> random_;
   const std::shared_ptr<TavloAdvertisingIdProvider> advertisingIdProvider_;
+  const std::shared_ptr<TavloLogSink> logSink_;
   TavloQLVRUUIDHandler uuidHandler_;
   std::once_flag deviceFactsMade_;
   TavloParameters deviceFacts_;  // written once under deviceFactsMade_, read-only after

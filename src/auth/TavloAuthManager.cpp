@@ -39,8 +39,7 @@ std::map<std::string, std::string> parseAnswer(const std::string& body) {
 
 std::shared_ptr<TavloAuthManager> TavloAuthManager::manager() {
   static const std::shared_ptr<TavloAuthManager> shared = [] {
-    TavloMarkInstalledPlatformTaken();
-    return std::make_shared<TavloAuthManager>(TavloPlatform::installed());
+    return std::make_shared<TavloAuthManager>(TavloPlatformForSingleton());
   }();
   return shared;
 }
@@ -128,12 +127,12 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
       // A host that is no absolute http(s) address, or that carries a query or fragment
       // of its own, would lose or misdirect every hit: such an answer is no answer.
       if (host != pairs.end() && !TavloIsUsableHostURL(host->second)) {
-        TavloLogger::log("The authorisation answer for serial " + *serial + " names the host \"" +
+        log("The authorisation answer for serial " + *serial + " names the host \"" +
                              TavloLogSafe(host->second) +
                              "\", which is not an http or https address usable for hits; the defaults apply",
                          TavloLoggingModeWarning);
       } else if (accessWord != pairs.end() && host != pairs.end() && cmsVI != pairs.end()) {
-        TavloLogger::log("Access for serial " + *serial + " is " + TavloLogSafe(accessWord->second) + " on host " +
+        log("Access for serial " + *serial + " is " + TavloLogSafe(accessWord->second) + " on host " +
                              host->second,
                          TavloLoggingModeInfo);
         auto answered = TavloAccess::TavloAccessWithSerial(serial, accessModeFromString(accessWord->second),
@@ -149,7 +148,7 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
     }
   }
 
-  TavloLogger::log("Serial " + TavloLogSafe(access->serial().value_or("(null)")) + " on host " +
+  log("Serial " + TavloLogSafe(access->serial().value_or("(null)")) + " on host " +
                        TavloLogSafe(access->host().value_or("(null)")),
                    TavloLoggingModeInfo);
   setAuthToCache(TavloAuth::TavloAuthWithSession(session, access, isDefault), tagger);

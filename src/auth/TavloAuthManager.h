@@ -5,10 +5,12 @@
 #include <memory>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "auth/TavloAuth.h"
 #include "identity/TavloTaggerID.h"
+#include "platform/TavloLogger.h"
 #include "tavlo/platform/TavloPlatform.h"
 
 /// Asks the authorisation server, once per tagger identity, which access mode, collection
@@ -76,6 +78,11 @@ class TavloAuthManager {
       return a.serial() == b.serial() && a.partialID() == b.partialID() && a.isStreamTagger() == b.isStreamTagger();
     }
   };
+
+  /// Writes a line to this platform's log sink, through the logger's threshold.
+  void log(std::string_view message, int64_t mode) const {
+    TavloLogger::logTo(platform_.logSink.get(), message, mode);
+  }
 
   const TavloPlatform platform_;
 

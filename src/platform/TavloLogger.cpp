@@ -23,11 +23,16 @@ const char* TavloLogger::levelWord(int64_t mode) {
   }
 }
 
-void TavloLogger::log(std::string_view message, int64_t mode) {
+void TavloLogger::log(std::string_view message, int64_t mode) { logTo(nullptr, message, mode); }
+
+void TavloLogger::logTo(TavloLogSink* sink, std::string_view message, int64_t mode) {
   const auto threshold = static_cast<uint64_t>(sharedLogger().loggingMode());
   if (threshold > static_cast<uint64_t>(mode)) return;
-  const std::shared_ptr<TavloLogSink> sink = TavloInstalledLogSink();
-  if (!sink) return;
+  std::shared_ptr<TavloLogSink> installed;
+  if (!sink) {
+    installed = TavloInstalledLogSink();
+    sink = installed.get();
+  }
   std::string line;
   line.reserve(message.size() + 16);
   line.append("(").append(levelWord(mode)).append(") : ").append(message);

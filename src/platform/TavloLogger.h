@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+class TavloLogSink;
+
 /// Message levels, which double as values of the threshold.
 enum TavloLoggingMode : int64_t {
   TavloLoggingModeInfo = 0,
@@ -16,7 +18,14 @@ enum TavloLoggingMode : int64_t {
 };
 
 /// Filters the library's messages by one process-wide threshold and writes each kept
-/// message as one line "(LEVEL) : message" to the installed platform's log sink.
+/// message as one line "(LEVEL) : message" to a log sink.
+///
+/// A component built with a platform (the agent, the authorisation manager, the taggers)
+/// writes to that platform's sink with `logTo`, so one agent's lines and its taggers'
+/// parameter dumps all go to one place. Code that has no platform of its own (the seams'
+/// implementations, process-wide helpers) writes to the installed platform's sink with
+/// `log`. The singletons are built with a sink that follows the installed one, so that a
+/// sink installed after start-up takes effect for them too.
 ///
 /// The threshold and the level are compared as unsigned 64-bit numbers: a message is
 /// dropped when the threshold is greater. So 0 prints everything, 2 (the default) prints
@@ -32,6 +41,9 @@ class TavloLogger {
   /// Prints or drops `message` at level `mode`. A fixed text costs no allocation when the
   /// line is dropped; a built one should be built only when `wouldLog(mode)`.
   static void log(std::string_view message, int64_t mode);
+
+  /// The same, to `sink`; to the installed platform's sink when `sink` is null.
+  static void logTo(TavloLogSink* sink, std::string_view message, int64_t mode);
 
   /// Whether a message at level `mode` would be written now. Lets a caller skip building
   /// a costly text (a request's description) that the threshold would drop anyway.

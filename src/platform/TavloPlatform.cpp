@@ -49,6 +49,25 @@ std::shared_ptr<TavloLogSink> TavloInstalledLogSink() {
   return TavloStandardErrorSink();
 }
 
+namespace {
+
+// Hands each line to whatever sink is installed when the line is written.
+class TavloFollowingLogSink final : public TavloLogSink {
+ public:
+  void writeLine(std::string_view line, TavloLogLevel level) override {
+    TavloInstalledLogSink()->writeLine(line, level);
+  }
+};
+
+}  // namespace
+
+TavloPlatform TavloPlatformForSingleton() {
+  TavloMarkInstalledPlatformTaken();
+  TavloPlatform platform = TavloPlatform::installed();
+  platform.logSink = std::make_shared<TavloFollowingLogSink>();
+  return platform;
+}
+
 void TavloMarkInstalledPlatformTaken() {
   InstalledState& state = installedState();
   std::lock_guard<std::mutex> lock(state.protector);

@@ -29,7 +29,7 @@ void TavloQLVRUUIDHandler::reportNoIdentifierOnce(const char* operation, int32_t
                            ? "it cannot be read or written: no data directory, or a folder this user may not write"
                        : status == TavloSecureStoreDecodeError ? "its stored item is damaged"
                                                                : "the store refused";
-  TavloLogger::log(std::string("The device identifier cannot be ") + operation + " in the secure store (status " +
+  TavloLogger::logTo(systemLog_.get(), std::string("The device identifier cannot be ") + operation + " in the secure store (status " +
                        std::to_string(status) + ": " + reason +
                        "); every hit carries \"uid\" \"-\" until it can be",
                    TavloLoggingModeError);

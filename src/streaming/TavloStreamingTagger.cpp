@@ -6,6 +6,7 @@
 
 #include "agent/TavloAgent.h"
 #include "identity/TavloTaggerID.h"
+#include "platform/TavloInstalledPlatform.h"
 #include "platform/TavloLogger.h"
 #include "platform/TavloNotificationCenter.h"
 #include "platform/TavloReachability.h"
@@ -163,7 +164,8 @@ std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::Impl::make(
       configurationBlock(setup.config);
     } catch (...) {
       // Measurement goes on with what the callback set before it failed.
-      TavloLogger::log(
+      TavloLogger::logTo(
+          agent ? agent->platform().logSink.get() : nullptr,
           "TavloStreamingTagger - The configuration callback threw: the medium is measured with what "
           "it set before",
           TavloLoggingModeError);
@@ -188,7 +190,7 @@ std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::Impl::make(
 
 std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::Impl::rejected(const std::shared_ptr<TavloAgent>& agent,
                                                                      const char* message) {
-  TavloLogger::log(message, TavloLoggingModeError);
+  TavloLogger::logTo(agent ? agent->platform().logSink.get() : nullptr, message, TavloLoggingModeError);
   Setup setup;
   setup.agent = agent;
   return std::shared_ptr<TavloStreamingTagger>(
@@ -233,7 +235,7 @@ void TavloStreamingTagger::Impl::setSendingMode(TavloSendingMode sendingMode) {
   if (!canSend_) return;
   if (sendingMode != TavloSendingModeTimestamped && sendingMode != TavloSendingModeLive &&
       sendingMode != TavloSendingModeDisconnected) {
-    TavloLogger::log("TavloStreamingTagger - Sending mode " + std::to_string(static_cast<int64_t>(sendingMode)) +
+    log("TavloStreamingTagger - Sending mode " + std::to_string(static_cast<int64_t>(sendingMode)) +
                          " is not 0, 1 or 2: the mode stays " +
                          std::to_string(static_cast<int64_t>(this->sendingMode())),
                      TavloLoggingModeError);
@@ -266,7 +268,7 @@ void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event) {
 void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event, int64_t position) {
   if (!canSend_) return;
   if (event != TavloStreamingEventPlay && event != TavloStreamingEventPause && event != TavloStreamingEventStop) {
-    TavloLogger::log("TavloStreamingTagger - Event " + std::to_string(static_cast<uint64_t>(event)) +
+    log("TavloStreamingTagger - Event " + std::to_string(static_cast<uint64_t>(event)) +
                          " is not play (0), pause (1) or stop (2): ignored",
                      TavloLoggingModeError);
     return;
@@ -473,9 +475,9 @@ void TavloStreamingTagger::Impl::emit(const PendingLines& lines) const {
   for (const PendingLine& line : lines) {
     const std::string_view text = line.fixedText ? std::string_view(line.fixedText) : std::string_view(line.text);
     if (!line.direct) {
-      TavloLogger::log(text, line.mode);
-    } else if (platform_.logSink) {
-      platform_.logSink->writeLine(text, TavloLogLevel::Info);
+      log(text, line.mode);
+    } else {
+      (platform_.logSink ? platform_.logSink : TavloInstalledLogSink())->writeLine(text, TavloLogLevel::Info);
     }
   }
 }
@@ -486,7 +488,7 @@ std::optional<int64_t> TavloStreamingTagger::Impl::positionFromDelegate() {
   try {
     return delegate->currentPositionForStreamingTagger(*owner_);
   } catch (...) {
-    TavloLogger::log("TavloStreamingTagger - The delegate failed to give the current position: it is taken as unknown",
+    log("TavloStreamingTagger - The delegate failed to give the current position: it is taken as unknown",
                      TavloLoggingModeWarning);
     return std::nullopt;
   }

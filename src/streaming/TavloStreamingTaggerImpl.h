@@ -7,8 +7,10 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "platform/TavloLogger.h"
 #include "tavlo/TavloStreamingTagger.h"
 #include "tavlo/platform/TavloPlatform.h"
 
@@ -91,6 +93,10 @@ class TavloStreamingTagger::Impl {
   void startPollingLocked();
   void stopPollingLocked();
   void resetTaggerLocked();
+  /// Writes a line to the sink of the platform this tagger was built with.
+  void log(std::string_view message, int64_t mode) const {
+    TavloLogger::logTo(platform_.logSink.get(), message, mode);
+  }
 
   // The public object that owns this; set once, by its constructor, before any call.
   TavloStreamingTagger* owner_ = nullptr;

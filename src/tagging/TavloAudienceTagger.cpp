@@ -40,7 +40,7 @@ std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::Impl::make(const std::
   if (auto registered = agent->TavloAudienceTaggerWithSerial(serial, customerData)) return registered;
   // Said once, when the tagger is made: its hits are then dropped without a line each.
   if (serial && !serial->empty() && !TavloIsUsableSerial(*serial)) {
-    TavloLogger::log("TavloAudienceTagger - Serial \"" + TavloLogSafe(*serial) +
+    agent->log("TavloAudienceTagger - Serial \"" + TavloLogSafe(*serial) +
                          "\" is not usable: a serial must stand in a URL path as one segment; this tagger's hits "
                          "are dropped",
                      TavloLoggingModeError);
@@ -66,7 +66,7 @@ void TavloAudienceTagger::sendHitWithLevel1(const TavloString& level1, const Tav
   // Without a serial the hit could only reach the collection server unattributed.
   TavloString mySerial = serial();
   if (!mySerial || mySerial->empty()) {
-    TavloLogger::log("TavloAudienceTagger - Hit dropped: this tagger has no serial", TavloLoggingModeError);
+    agent->log("TavloAudienceTagger - Hit dropped: this tagger has no serial", TavloLoggingModeError);
     return;
   }
   // The serial would bend the authorisation and collection addresses (logged when the

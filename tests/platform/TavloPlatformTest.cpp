@@ -93,9 +93,11 @@ TEST_F(TavloPlatformTest, TheLogSinkChangesAtOnceAndAnInstallAfterTheLibraryStar
   EXPECT_FALSE(test.logSink->contains("to the new sink"));
 
   TavloLogger::sharedLogger().setLoggingMode(TavloLoggingModeWarning);
-  TavloMarkInstalledPlatformTaken();
+  const TavloPlatform singleton = TavloPlatformForSingleton();  // the library starts
   EXPECT_FALSE(TavloPlatform::install(test.platform)) << "the caller learns that only the sink changed";
   EXPECT_TRUE(test.logSink->contains("(WARNING) : TavloPlatform::install was called after the library started"));
+  singleton.logSink->writeLine("from the shared agent", TavloLogLevel::Error);
+  EXPECT_TRUE(test.logSink->contains("from the shared agent")) << "a singleton's lines follow the sink installed late";
 }
 
 // Applications set any int64, from C too: a signed comparison would print what the threshold hides.

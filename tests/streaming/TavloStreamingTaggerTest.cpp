@@ -149,6 +149,22 @@ TEST_F(TavloStreamingTaggerTest, TheParameterDumpIsWrittenWhateverTheThreshold) 
   EXPECT_EQ("------------------------------", lines[2]);
 }
 
+// A tagger's error lines and parameter dumps go where its agent's lines go: to the sink of
+// the platform the agent was built with, not to whatever sink the process installed.
+TEST_F(TavloStreamingTaggerTest, ATaggerLogsThroughThePlatformItsAgentWasBuiltWith) {
+  TavloPlatform elsewhere = test.platform;
+  const auto installed = std::make_shared<TavloCapturingLogSink>();
+  elsewhere.logSink = installed;
+  TavloPlatform::install(elsewhere);
+  const auto t = tagger();
+  t->notifyEvent(static_cast<TavloStreamingEvent>(7), 0);
+  t->notifyEvent(TavloStreamingEventPlay, 4);
+  settle();
+  EXPECT_TRUE(test.logSink->contains("(ERROR) : TavloStreamingTagger - Event 7 is not play"));
+  EXPECT_TRUE(test.logSink->contains("    cmsPO = 4;\n"));
+  EXPECT_EQ(std::vector<std::string>{}, installed->lines());
+}
+
 TEST_F(TavloStreamingTaggerTest, AStopRenewsTheSessionSoTheNextPlayingIsAuthorisedAfresh) {
   const auto t = tagger();
   notify(*t, TavloStreamingEventPlay);

@@ -21,11 +21,13 @@
 /// operating system except through these seams, so a tvOS or Android TV shim, or a test,
 /// supplies its own implementations and the core stays the same.
 ///
-/// Each component receives a platform at construction and keeps it unchanged. The
-/// process-wide singletons use the platform installed with `install` before their first
-/// use; an application that wants to change anything (its name and version, its own log
-/// sink, an advertising-identifier provider, other endpoints) installs a platform before
-/// it touches its first tagger.
+/// Each component receives a platform at construction and keeps it unchanged, and writes
+/// its log lines to that platform's sink: an agent's lines and those of the taggers made
+/// on it (parameter dumps included) go to one place. The process-wide singletons use the
+/// platform installed with `install` before their first use, except for the log sink,
+/// which they take from the installed platform at every line. An application that wants
+/// to change anything (its name and version, its own log sink, an advertising-identifier
+/// provider, other endpoints) installs a platform before it touches its first tagger.
 ///
 /// To replace one seam and keep the rest, copy `linuxDefaults()` and assign one member.
 struct TAVLO_EXPORT TavloPlatform {
