@@ -301,7 +301,9 @@ TavloQueueReport TavloQueueReport::fromFile(const std::string& path) {
     data.append(buffer, static_cast<std::size_t>(count));
   }
   if (data.size() > limit) return tooLarge(data.size());
-  return fromData(data);
+  TavloQueueReport report = fromData(data);
+  report.fileBytes_ = std::move(data);
+  return report;
 }
 
 void TavloQueueReport::checkElements() {

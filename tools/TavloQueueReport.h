@@ -35,6 +35,9 @@ class TavloQueueReport {
   bool isValid() const { return readable_ && problems_.empty(); }
   /// Every problem found, one sentence each; empty for a sound file.
   const std::vector<std::string>& problems() const { return problems_; }
+  /// The bytes `fromFile` read (empty for `fromData` and for an unreadable file), so that
+  /// what sits beside the file can be matched to them without reading the file again.
+  const std::string& fileBytes() const { return fileBytes_; }
   /// The decoded elements, in queue order.
   const std::vector<std::shared_ptr<TavloCodable>>& elements() const { return elements_; }
 
@@ -52,4 +55,5 @@ class TavloQueueReport {
   bool readable_ = false;
   std::vector<std::string> problems_;
   std::vector<std::shared_ptr<TavloCodable>> elements_;
+  std::string fileBytes_;
 };

@@ -71,15 +71,11 @@ void reportProblems(const std::string& file, const TavloQueueReport& report) {
 // Hits sent since the file was last written stay in it until the next rewrite (a drained
 // queue's file may hold only sent hits); the journal beside it names them, and the next
 // start drops them.
-void reportSentJournal(const std::string& file, const TavloQueueReport& report) {
-  TavloPosixFileSystem files;
-  std::string bytes, journal;
-  if (files.readFile(TavloSentJournal::pathFor(file), journal, 64 * 1024 * 1024) ||
-      files.readFile(file, bytes, 64 * 1024 * 1024)) {
-    return;
-  }
-  const std::vector<uint32_t> sent =
-      TavloSentJournal::sentPositions(journal, TavloSentJournal::fingerprint(bytes), report.elements().size());
+void reportSentJournal(TavloPosixFileSystem& files, const std::string& file, const TavloQueueReport& report) {
+  std::string journal;
+  if (!report.isReadable() || files.readFile(TavloSentJournal::pathFor(file), journal, 64 * 1024 * 1024)) return;
+  const std::vector<uint32_t> sent = TavloSentJournal::sentPositions(
+      journal, TavloSentJournal::fingerprint(report.fileBytes()), report.elements().size());
   if (sent.empty()) return;
   std::string positions;
   for (const uint32_t position : sent) positions += (positions.empty() ? "#" : ", #") + std::to_string(position);
@@ -89,9 +85,9 @@ void reportSentJournal(const std::string& file, const TavloQueueReport& report) 
 }
 
 // What the last run that shut down cleanly did with its hits, as it left it beside the file.
-void reportDelivery(const std::string& file) {
+void reportDelivery(TavloPosixFileSystem& files, const std::string& file) {
   std::string text;
-  if (TavloPosixFileSystem().readFile(file + ".delivery", text, 1024 * 1024)) return;
+  if (files.readFile(file + ".delivery", text, 1024 * 1024)) return;
   const std::vector<TavloDeliveryCounts> all = TavloDeliveryLedger::fromText(text);
   if (all.empty()) return;
   std::printf("the last run's hits, as %s.delivery says:\n", file.c_str());
@@ -115,8 +111,9 @@ int list(const std::string& file, bool asJson) {
   const std::string output = asJson ? report.json(file) : report.text(file);
   std::fwrite(output.data(), 1, output.size(), stdout);
   if (!asJson) {
-    reportSentJournal(file, report);
-    reportDelivery(file);
+    TavloPosixFileSystem files;
+    reportSentJournal(files, file, report);
+    reportDelivery(files, file);
   }
   reportProblems(file, report);
   return finish(report.isValid() ? kExitOK : kExitDamaged);

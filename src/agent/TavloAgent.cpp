@@ -114,11 +114,16 @@ void TavloAgent::shutdown() {
   requestHandler.shutdown();
   // Whatever was handed over before the call is in the file when this returns.
   takeHandOver();
-  std::lock_guard lock(requestsProtector);
-  // This run's delivery counts, beside the queue file, for tavlo-queue to show.
-  if (const std::string path = deliveryPath(); !path.empty()) {
-    platform_.files->writeFileAtomically(path, ledger_.text(), 0600);
+  // This run's delivery counts, beside the queue file, for tavlo-queue to show; written
+  // with the queue file's lock still held, but not requestsProtector: the fsync may take
+  // long, and a late call (pendingRequestCount, a tagger's) would wait for it.
+  std::string path;
+  {
+    std::lock_guard lock(requestsProtector);
+    path = deliveryPath();
   }
+  if (!path.empty()) platform_.files->writeFileAtomically(path, ledger_.text(), 0600);
+  std::lock_guard lock(requestsProtector);
   fileLock_.reset();
 }
 
@@ -505,7 +510,7 @@ void TavloAgent::takeHandOver() {
     std::string path;
     {
       std::lock_guard lock(requestsProtector);
-      path = consentPath();
+      path = consentPathFor(queuePath_);
     }
     const TavloConsent last = consentChanges.back().first;
     if (!path.empty()) {
@@ -577,6 +582,7 @@ void TavloAgent::purgeAudienceRequests() {
     return true;
   });
   publishQueueLength();
+  awaitingReconnection_ = false;
   signalLoop();
 }
 
@@ -590,15 +596,15 @@ void TavloAgent::purgeForConsent() {
   saveRequests();
 }
 
-std::string TavloAgent::consentPath() const {
-  return queuePath_.empty() ? std::string() : queuePath_.substr(0, queuePath_.rfind('/') + 1) + "consent";
+std::string TavloAgent::consentPathFor(const std::string& queuePath) {
+  return queuePath.empty() ? std::string() : queuePath.substr(0, queuePath.rfind('/') + 1) + "consent";
 }
 
 std::string TavloAgent::deliveryPath() const { return queuePath_.empty() ? std::string() : queuePath_ + ".delivery"; }
 
 void TavloAgent::readConsent(const std::string& queuePath) {
   std::string word;
-  const std::string path = queuePath.substr(0, queuePath.rfind('/') + 1) + "consent";
+  const std::string path = consentPathFor(queuePath);
   if (platform_.files->readFile(path, word, 64)) return;  // none kept: granted, as always
   const std::string_view kept = std::string_view(word).substr(0, word.find('\n'));
   int consent = -1;
@@ -642,7 +648,8 @@ void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& req
 }
 
 bool TavloAgent::headIsSendable() {
-  if (requestQueue.empty() || consent() != TavloConsent::Granted || !reachability_ || !reachability_->isReachable()) {
+  if (requestQueue.empty() || consent() != TavloConsent::Granted || !reachability_ || !reachability_->isReachable() ||
+      awaitingReconnection_.load()) {
     return false;
   }
   const std::optional<TavloDate> lastFail = requestQueue.front()->lastFail();
@@ -699,13 +706,13 @@ void TavloAgent::handleRequests() {
     }
     Outcome outcome;
     const std::optional<TavloError> error = handleRequest(request, outcome);
-    bool sendStop = false;
+    AttemptEnd end;
     {
       std::lock_guard lock(requestsProtector);
-      sendStop = finishAttempt(request, error, outcome);
-      if (std::find(requestQueue.begin(), requestQueue.end(), request) == requestQueue.end()) removed = request;
+      end = finishAttempt(request, error, outcome);
+      if (end.leftQueue) removed = request;
     }
-    if (sendStop) {
+    if (end.sendStop) {
       journalRemoval(request.get());
       request->setCreationDate(platform_.clock->now());
       request->transformToStop();
@@ -716,8 +723,8 @@ void TavloAgent::handleRequests() {
   }
 }
 
-bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error,
-                               const Outcome& outcome) {
+TavloAgent::AttemptEnd TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request,
+                                                 const std::optional<TavloError>& error, const Outcome& outcome) {
   // The request is described as it was sent: with its authorisation and network name.
   const auto logOutcome = [&](const char* outcome, TavloLoggingMode mode) {
     if (TavloLogger::wouldLog(mode)) {
@@ -731,8 +738,9 @@ bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, con
     if (requestQueue.size() > kMaximumQueueLength) {
       ledger_.dropped(*request, TavloDropReason::QueueFull);
       removeRequestFromQueue(request);
+      return {.leftQueue = true};
     }
-    return false;
+    return {.leftQueue = std::find(requestQueue.begin(), requestQueue.end(), request) == requestQueue.end()};
   }
   // A request purged or pushed out of a full queue while in flight was counted then: each
   // hit is counted once, so that queued = sent + dropped + still queued.
@@ -749,7 +757,8 @@ bool TavloAgent::finishAttempt(const std::shared_ptr<TavloRequest>& request, con
   }
   logOutcome(" handling done", TavloLoggingModeInfo);
   removeRequestFromQueue(request);
-  return request->shouldRenewSessionAfter() && request->sendingMode() == TavloSendingModeDisconnected;
+  return {.leftQueue = true,
+          .sendStop = request->shouldRenewSessionAfter() && request->sendingMode() == TavloSendingModeDisconnected};
 }
 
 std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloRequest>& request) {
@@ -850,7 +859,13 @@ bool TavloAgent::isTheRequestValid(const TavloRequest& request) {
 
 void TavloAgent::reachabilityStatusChanged() {
   log("Connection status changed - we check if we can send any request", TavloLoggingModeInfo);
-  if (!reachability_ || !reachability_->isReachable()) return;
+  if (!reachability_) return;
+  if (!reachability_->isReachable()) {
+    // The network's return is heard here too, but the loop may wake before that (a new
+    // hit, a retry): it must not send what the return's purge is about to discard.
+    awaitingReconnection_ = true;
+    return;
+  }
   handOver({HandOver::ReconnectionPurge, nullptr});
 }
 
@@ -911,6 +926,11 @@ TavloConsent TavloAgent::consentOnceRead() {
   return consent();
 }
 
+bool TavloAgent::loopIsIdle() {
+  // A signal the loop has not woken up for yet means it is about to work.
+  return stopping_ || (loopWaiting_ && signalsSeen_ == signalsSent_ && !headIsSendable());
+}
+
 TavloFlushResult TavloAgent::flush(double seconds) {
   const auto deadline = deadlineIn(seconds);
   std::lock_guard one(flushProtector);
@@ -920,7 +940,7 @@ TavloFlushResult TavloAgent::flush(double seconds) {
     flushing_ = true;
     signalLoop();
     requestsCondition.wait_until(lock, deadline, [&] {
-      return stopping_ || (loopWaiting_ && signalsSeen_ == signalsSent_ && !headIsSendable());
+      return loopIsIdle();
     });
     flushing_ = false;
   }
@@ -948,8 +968,5 @@ bool TavloAgent::TEST_waitUntilIdle(double seconds) {
                                                               std::chrono::duration<double>(seconds));
   if (!waitForHandler(deadline)) return false;
   std::unique_lock lock(requestsProtector);
-  return requestsCondition.wait_until(lock, deadline, [&] {
-    // A signal the loop has not woken up for yet means it is about to work.
-    return stopping_ || (loopWaiting_ && signalsSeen_ == signalsSent_ && !headIsSendable());
-  });
+  return requestsCondition.wait_until(lock, deadline, [&] { return loopIsIdle(); });
 }

@@ -268,10 +268,15 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   bool fileBehind() const { return !queuePath_.empty() && changeCount_ != attemptedChangeCount_; }
   void removeRequestFromQueue(const std::shared_ptr<TavloRequest>& r);  // REQUIRES: requestsProtector held
   bool headIsSendable();                                                 // REQUIRES: requestsProtector held
+  /// The send loop waits with nothing it could send now. REQUIRES: requestsProtector held.
+  bool loopIsIdle();
   void handleRequests();
-  /// Records the outcome of one attempt; true when the request is to be sent once more as
-  /// a stop event. REQUIRES: requestsProtector held.
-  bool finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error,
+  struct AttemptEnd {
+    bool leftQueue = false;  // the request is no longer queued (sent, dropped or purged)
+    bool sendStop = false;   // it is to be sent once more, as a stop event
+  };
+  /// Records the outcome of one attempt. REQUIRES: requestsProtector held.
+  AttemptEnd finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error,
                      const Outcome& outcome);
   void logCount();                                                       // REQUIRES: requestsProtector held
 
@@ -284,8 +289,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void purgeAudienceRequests();                                // REQUIRES: requestsProtector held
   /// Empties the queue for a revoked consent. REQUIRES: requestsProtector held.
   void purgeForConsent();
-  /// Where the consent state is kept: beside the queue file, or nowhere.
-  std::string consentPath() const;  // REQUIRES: requestsProtector held
+  /// Where the consent state is kept: beside the queue file at `queuePath`, or nowhere.
+  static std::string consentPathFor(const std::string& queuePath);
   /// Where shutdown leaves this run's delivery counts: "requests.ser.delivery", or nowhere.
   std::string deliveryPath() const;  // REQUIRES: requestsProtector held
   void readConsent(const std::string& queuePath);  // on requestHandler only, at start
@@ -306,6 +311,9 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   void publishQueueLength();
 
   const TavloPlatform platform_;
+  // The network was reported gone, and the purge its return brings has not run yet:
+  // nothing is sent meanwhile. Set on the main queue, cleared on "TavloRequestHandler".
+  std::atomic<bool> awaitingReconnection_{false};
   const std::shared_ptr<TavloAuthManager> authManager_;
   const std::shared_ptr<TavloNotificationCenter> center_;
   TavloDefaultParameters defaults_;

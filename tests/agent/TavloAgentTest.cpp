@@ -145,9 +145,7 @@ TEST_F(TavloAgentTest, AHitThatCannotBeSentNeverHoldsUpTheOnesBehindIt) {
     return request.url.find("c=malformed") != std::string::npos ? TavloScriptedHttpClient::invalidRequest()
                                                                  : TavloScriptedHttpClient::answer(200);
   });
-  test.reachability->setFlags(TavloReachabilityFlagReachable);
-  agent->applicationWillEnterForeground();
-  settle();
+  goOnline();
   EXPECT_TRUE(agent->TEST_queue().empty());
   EXPECT_EQ(2u, collectionURLs(*test.http).size()) << "no retry of the malformed one";
   const auto lines = test.logSink->lines();
@@ -180,6 +178,11 @@ TEST_F(TavloAgentTest, ComingBackOnlineDropsAudienceHitsAndSendsStreamingOnes) {
   agent->addRequestToQueue(streamingRequest("stream"));
   settle();
   EXPECT_EQ((std::vector<std::string>{"audience", "stream"}), levelsOf(agent->TEST_queue()));
+  // The network is back before the agent hears of it, and a new hit wakes the send loop.
+  test.reachability->setFlags(TavloReachabilityFlagReachable);
+  agent->addRequestToQueue(audienceRequest("audience"));
+  settle();
+  EXPECT_EQ(std::vector<std::string>{}, collectionURLs(*test.http)) << "sent before the return's purge";
   goOnline();
   EXPECT_TRUE(agent->TEST_queue().empty());
   // Queued requests take the cached authorisation (none here), so this one is authorised afresh.
@@ -282,9 +285,7 @@ TEST_F(TavloAgentFileTest, AProcessKilledAtAnySendResendsOnlyTheRequestInFlight)
     std::filesystem::copy(queuePath(), killed + "requests.ser", ignored);
     return TavloScriptedHttpClient::answer(200);
   });
-  test.reachability->setFlags(TavloReachabilityFlagReachable);
-  agent->applicationWillEnterForeground();  // wakes the loop without dropping anything
-  settle();
+  goOnline();  // streaming hits only: the return drops none
   ASSERT_EQ(20, sends);
   test.reachability->setFlags(0);
   for (int i = 0; i < 20; ++i) {
