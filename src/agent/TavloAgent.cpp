@@ -171,26 +171,26 @@ void TavloAgent::loadRequests() {
   const std::string path = prepareQueueFile(error);
   if (path.empty()) {
     log("No data directory for the request queue (neither XDG_DATA_HOME nor HOME names one); "
-                     "requests are kept in memory only",
-                     TavloLoggingModeError);
+        "requests are kept in memory only",
+        TavloLoggingModeError);
     return;
   }
   if (error) {
     log("The request queue cannot be kept in " + TavloLogSafe(path) + " (" + error.message() +
-                         "); requests are kept in memory only",
-                     TavloLoggingModeError);
+            "); requests are kept in memory only",
+        TavloLoggingModeError);
     return;
   }
   auto lock = platform_.files->tryLockFile(path + ".lock", error);
   if (!lock) {
     if (error == std::errc::resource_unavailable_try_again) {
       log("The request queue file " + path + " is in use by another process of this application; " +
-                           "this process keeps its requests in memory only",
-                       TavloLoggingModeWarning);
+              "this process keeps its requests in memory only",
+          TavloLoggingModeWarning);
     } else {
       log("The request queue cannot be kept in " + path + " (" + error.message() +
-                           "); requests are kept in memory only",
-                       TavloLoggingModeError);
+              "); requests are kept in memory only",
+          TavloLoggingModeError);
     }
     return;
   }
@@ -206,15 +206,15 @@ void TavloAgent::loadRequests() {
   error = platform_.files->readFile(path, data, TavloKeyedUnarchiver::maxArchiveBytes);
   if (error && error != std::errc::no_such_file_or_directory) {
     log("Could not read the request queue file " + TavloLogSafe(path) + " (" + error.message() +
-                         "); starting with an empty queue",
-                     TavloLoggingModeWarning);
+            "); starting with an empty queue",
+        TavloLoggingModeWarning);
   } else if (!error) {
     std::string why;
     const auto decoded = TavloKeyedUnarchiver::unarchivedArrayWithData(data, TavloRecordClasses(), &why);
     if (!decoded) {
       log("The request queue file " + TavloLogSafe(path) + " is damaged (" + TavloLogSafe(why) +
-                           "); starting with an empty queue, the file is replaced at the next save",
-                       TavloLoggingModeWarning);
+              "); starting with an empty queue, the file is replaced at the next save",
+          TavloLoggingModeWarning);
     } else {
       // Positions in the journal count every element of the file: when some could not be
       // read, they no longer line up, and the journal is not used.
@@ -305,8 +305,8 @@ void TavloAgent::persistLocked() {
     if (!saveFailureLogged_) {
       saveFailureLogged_ = true;
       log("Could not save the request queue to " + TavloLogSafe(path) + " (" + error.message() +
-                           "); requests are kept in memory and saving is tried again at every change",
-                       TavloLoggingModeError);
+              "); requests are kept in memory and saving is tried again at every change",
+          TavloLoggingModeError);
     }
     return;
   }
@@ -353,8 +353,7 @@ void TavloAgent::journalRemoval(const TavloRequest* removed) {
 
 void TavloAgent::logCount() {
   if (!TavloLogger::wouldLog(TavloLoggingModeInfo)) return;
-  log("We have now " + std::to_string(requestQueue.size()) + " request(s) to handle",
-                   TavloLoggingModeInfo);
+  log("We have now " + std::to_string(requestQueue.size()) + " request(s) to handle", TavloLoggingModeInfo);
 }
 
 namespace {
@@ -371,10 +370,9 @@ size_t parameterBytes(const TavloRequest& request) {
 bool TavloAgent::refusesOversized(const TavloRequest& request) {
   const size_t bytes = parameterBytes(request);
   if (bytes <= maximumHitBytes) return false;
-  log("A hit of serial " + TavloLogSafe(request.serial().value_or("(null)")) + " carries " +
-                       std::to_string(bytes) + " bytes of parameters, more than the " +
-                       std::to_string(maximumHitBytes) + " a hit may carry; it is dropped",
-                   TavloLoggingModeError);
+  log("A hit of serial " + TavloLogSafe(request.serial().value_or("(null)")) + " carries " + std::to_string(bytes) +
+          " bytes of parameters, more than the " + std::to_string(maximumHitBytes) + " a hit may carry; it is dropped",
+      TavloLoggingModeError);
   ledger_.dropped(request, TavloDropReason::InvalidURL);
   ledger_.deliver();
   return true;
@@ -468,9 +466,8 @@ void TavloAgent::takeHandOver() {
       dropped = std::exchange(droppedSinceLastTake_, 0);
     }
     if (dropped > 0) {
-      log(std::to_string(dropped) +
-                           " hit(s) came faster than the queue could take them and were dropped, oldest first",
-                       TavloLoggingModeWarning);
+      log(std::to_string(dropped) + " hit(s) came faster than the queue could take them and were dropped, oldest first",
+          TavloLoggingModeWarning);
 #ifdef __GLIBC__
       // Hits dropped here were made on the callers' threads, so under a flood freed pages
       // pile up in glibc's per-thread arenas, one per calling thread: hand them back as
@@ -517,8 +514,8 @@ void TavloAgent::takeHandOver() {
       const char* const words[] = {"granted\n", "pending\n", "revoked\n"};
       if (const std::error_code error = platform_.files->writeFileAtomically(path, words[static_cast<int>(last)], 0600)) {
         log("Could not keep the consent state in " + TavloLogSafe(path) + " (" + error.message() +
-                             "); it holds for this process only",
-                         TavloLoggingModeError);
+                "); it holds for this process only",
+            TavloLoggingModeError);
       }
     }
     for (const auto& [consent, reset] : consentChanges) {
@@ -589,8 +586,7 @@ void TavloAgent::purgeAudienceRequests() {
 void TavloAgent::purgeForConsent() {
   if (requestQueue.empty()) return;
   for (const auto& queued : requestQueue) ledger_.dropped(*queued, TavloDropReason::Consent);
-  log("Consent revoked: " + std::to_string(requestQueue.size()) + " queued request(s) dropped",
-                   TavloLoggingModeInfo);
+  log("Consent revoked: " + std::to_string(requestQueue.size()) + " queued request(s) dropped", TavloLoggingModeInfo);
   requestQueue.clear();
   publishQueueLength();
   saveRequests();
@@ -612,9 +608,10 @@ void TavloAgent::readConsent(const std::string& queuePath) {
   if (kept == "pending") consent = static_cast<int>(TavloConsent::Pending);
   if (kept == "revoked") consent = static_cast<int>(TavloConsent::Revoked);
   if (consent < 0) {
-    log("The consent file " + TavloLogSafe(path) + " says neither granted, pending nor revoked; "
-                     "consent is taken as pending until the application says otherwise",
-                     TavloLoggingModeError);
+    log("The consent file " + TavloLogSafe(path) +
+            " says neither granted, pending nor revoked; "
+            "consent is taken as pending until the application says otherwise",
+        TavloLoggingModeError);
     consent = static_cast<int>(TavloConsent::Pending);
   }
   // A word of this process's, said before the file could be read, is the newer.
@@ -624,8 +621,8 @@ void TavloAgent::readConsent(const std::string& queuePath) {
 void TavloAgent::setConsent(TavloConsent consent, bool resetDeviceIdentifier) {
   if (static_cast<int>(consent) < 0 || static_cast<int>(consent) > 2) {
     log("Consent " + std::to_string(static_cast<int>(consent)) +
-                         " is not granted (0), pending (1) or revoked (2): ignored",
-                     TavloLoggingModeError);
+            " is not granted (0), pending (1) or revoked (2): ignored",
+        TavloLoggingModeError);
     return;
   }
   consentSetHere_.store(true);
@@ -787,12 +784,12 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
   if (!access || !access->canSendRequestFor(request->requestType())) {
     if (access && access->accessMode() == TavloAccessModeDenied) {
       log("Request " + request->description(platform_.endpoints) +
-                           " can't be sent because of access denied for its serial",
-                       TavloLoggingModeError);
+              " can't be sent because of access denied for its serial",
+          TavloLoggingModeError);
     } else {
       log("TavloAudienceTagger - Can't send hit anymore with this serial : " +
-                           TavloLogSafe(request->serial().value_or("(null)")),
-                       TavloLoggingModeError);
+              TavloLogSafe(request->serial().value_or("(null)")),
+          TavloLoggingModeError);
     }
     return TavloError{TavloErrorDomain, TavloErrorAccessRefused};
   }
@@ -805,9 +802,8 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
                                        timeIntervalBetweenServerAndDevice(), platform_.endpoints);
   const auto invalidParameters = [&] {
     outcome.kind = Outcome::InvalidURL;
-    log("Request " + request->description(platform_.endpoints) +
-                         " was not sent because of invalid parameters",
-                     TavloLoggingModeError);
+    log("Request " + request->description(platform_.endpoints) + " was not sent because of invalid parameters",
+        TavloLoggingModeError);
     return std::nullopt;
   };
   if (!url) return invalidParameters();
@@ -818,8 +814,8 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
     // An HTTP client of the application's that throws must not end the send loop: the
     // attempt counts as one that got no answer.
     log(std::string("The HTTP client threw (") + TavloLogSafe(failure.what()) +
-                         "); the request is kept and tried again",
-                     TavloLoggingModeError);
+            "); the request is kept and tried again",
+        TavloLoggingModeError);
     response = TavloHttpResponse{};
   } catch (...) {
     log("The HTTP client threw; the request is kept and tried again", TavloLoggingModeError);
@@ -939,9 +935,7 @@ TavloFlushResult TavloAgent::flush(double seconds) {
     std::unique_lock lock(requestsProtector);
     flushing_ = true;
     signalLoop();
-    requestsCondition.wait_until(lock, deadline, [&] {
-      return loopIsIdle();
-    });
+    requestsCondition.wait_until(lock, deadline, [&] { return loopIsIdle(); });
     flushing_ = false;
   }
   TavloFlushResult result;

@@ -188,9 +188,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   const TavloPlatform& platform() const { return platform_; }
   /// Writes a line to this agent's log sink, through the logger's threshold: the agent's
   /// own lines and those of the taggers made on it go to the platform it was built with.
-  void log(std::string_view message, int64_t mode) const {
-    TavloLogger::logTo(platform_.logSink.get(), message, mode);
-  }
+  void log(std::string_view message, int64_t mode) const { TavloLogger::logTo(platform_.logSink.get(), message, mode); }
   const std::shared_ptr<TavloAuthManager>& authManager() const { return authManager_; }
   /// Where the agent's reachability monitor posts, and where streaming taggers made on
   /// this agent listen for network changes.
@@ -277,7 +275,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   };
   /// Records the outcome of one attempt. REQUIRES: requestsProtector held.
   AttemptEnd finishAttempt(const std::shared_ptr<TavloRequest>& request, const std::optional<TavloError>& error,
-                     const Outcome& outcome);
+                           const Outcome& outcome);
   void logCount();                                                       // REQUIRES: requestsProtector held
 
   /// Puts `item` into the hand-over and makes sure "TavloRequestHandler" will take it;

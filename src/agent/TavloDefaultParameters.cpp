@@ -67,7 +67,8 @@ TavloString TavloDefaultParameters::appleDID() {
   if (identifier) {
     for (char& c : *identifier) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   }
-  TavloLogger::logTo(logSink_.get(), "Using did : " + TavloLogSafe(identifier.value_or("(null)")), TavloLoggingModeInfo);
+  TavloLogger::logTo(logSink_.get(), "Using did : " + TavloLogSafe(identifier.value_or("(null)")),
+                     TavloLoggingModeInfo);
   return identifier;
 }
 

@@ -127,14 +127,12 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
       // A host that is no absolute http(s) address, or that carries a query or fragment
       // of its own, would lose or misdirect every hit: such an answer is no answer.
       if (host != pairs.end() && !TavloIsUsableHostURL(host->second)) {
-        log("The authorisation answer for serial " + *serial + " names the host \"" +
-                             TavloLogSafe(host->second) +
-                             "\", which is not an http or https address usable for hits; the defaults apply",
-                         TavloLoggingModeWarning);
+        log("The authorisation answer for serial " + *serial + " names the host \"" + TavloLogSafe(host->second) +
+                "\", which is not an http or https address usable for hits; the defaults apply",
+            TavloLoggingModeWarning);
       } else if (accessWord != pairs.end() && host != pairs.end() && cmsVI != pairs.end()) {
-        log("Access for serial " + *serial + " is " + TavloLogSafe(accessWord->second) + " on host " +
-                             host->second,
-                         TavloLoggingModeInfo);
+        log("Access for serial " + *serial + " is " + TavloLogSafe(accessWord->second) + " on host " + host->second,
+            TavloLoggingModeInfo);
         auto answered = TavloAccess::TavloAccessWithSerial(serial, accessModeFromString(accessWord->second),
                                                            host->second);
         // An answer that keeps the mode keeps the cached access too: its first-hit flag,
@@ -149,7 +147,7 @@ void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID&
   }
 
   log("Serial " + TavloLogSafe(access->serial().value_or("(null)")) + " on host " +
-                       TavloLogSafe(access->host().value_or("(null)")),
-                   TavloLoggingModeInfo);
+          TavloLogSafe(access->host().value_or("(null)")),
+      TavloLoggingModeInfo);
   setAuthToCache(TavloAuth::TavloAuthWithSession(session, access, isDefault), tagger);
 }

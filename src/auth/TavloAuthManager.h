@@ -80,9 +80,7 @@ class TavloAuthManager {
   };
 
   /// Writes a line to this platform's log sink, through the logger's threshold.
-  void log(std::string_view message, int64_t mode) const {
-    TavloLogger::logTo(platform_.logSink.get(), message, mode);
-  }
+  void log(std::string_view message, int64_t mode) const { TavloLogger::logTo(platform_.logSink.get(), message, mode); }
 
   const TavloPlatform platform_;
 

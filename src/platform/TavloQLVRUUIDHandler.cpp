@@ -29,10 +29,10 @@ void TavloQLVRUUIDHandler::reportNoIdentifierOnce(const char* operation, int32_t
                            ? "it cannot be read or written: no data directory, or a folder this user may not write"
                        : status == TavloSecureStoreDecodeError ? "its stored item is damaged"
                                                                : "the store refused";
-  TavloLogger::logTo(systemLog_.get(), std::string("The device identifier cannot be ") + operation + " in the secure store (status " +
-                       std::to_string(status) + ": " + reason +
-                       "); every hit carries \"uid\" \"-\" until it can be",
-                   TavloLoggingModeError);
+  TavloLogger::logTo(systemLog_.get(),
+                     std::string("The device identifier cannot be ") + operation + " in the secure store (status " +
+                         std::to_string(status) + ": " + reason + "); every hit carries \"uid\" \"-\" until it can be",
+                     TavloLoggingModeError);
 }
 
 std::string TavloQLVRUUIDHandler::generateUUID() { return random_ ? random_->newUUIDString() : std::string(); }

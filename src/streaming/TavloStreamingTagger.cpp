@@ -11,8 +11,8 @@
 #include "platform/TavloNotificationCenter.h"
 #include "platform/TavloReachability.h"
 #include "request/TavloRequest.h"
-#include "streaming/TavloTimer.h"
 #include "streaming/TavloStreamingTaggerImpl.h"
+#include "streaming/TavloTimer.h"
 #include "tagging/TavloHitParameter.h"
 #include "tagging/TavloTaggerState.h"
 #include "tavlo/TavloAudienceTagger.h"
@@ -164,11 +164,10 @@ std::shared_ptr<TavloStreamingTagger> TavloStreamingTagger::Impl::make(
       configurationBlock(setup.config);
     } catch (...) {
       // Measurement goes on with what the callback set before it failed.
-      TavloLogger::logTo(
-          agent ? agent->platform().logSink.get() : nullptr,
-          "TavloStreamingTagger - The configuration callback threw: the medium is measured with what "
-          "it set before",
-          TavloLoggingModeError);
+      TavloLogger::logTo(agent ? agent->platform().logSink.get() : nullptr,
+                         "TavloStreamingTagger - The configuration callback threw: the medium is measured with what "
+                         "it set before",
+                         TavloLoggingModeError);
     }
   }
   setup.agent = agent;
@@ -236,9 +235,8 @@ void TavloStreamingTagger::Impl::setSendingMode(TavloSendingMode sendingMode) {
   if (sendingMode != TavloSendingModeTimestamped && sendingMode != TavloSendingModeLive &&
       sendingMode != TavloSendingModeDisconnected) {
     log("TavloStreamingTagger - Sending mode " + std::to_string(static_cast<int64_t>(sendingMode)) +
-                         " is not 0, 1 or 2: the mode stays " +
-                         std::to_string(static_cast<int64_t>(this->sendingMode())),
-                     TavloLoggingModeError);
+            " is not 0, 1 or 2: the mode stays " + std::to_string(static_cast<int64_t>(this->sendingMode())),
+        TavloLoggingModeError);
     return;
   }
   {
@@ -269,8 +267,8 @@ void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event, int64_t 
   if (!canSend_) return;
   if (event != TavloStreamingEventPlay && event != TavloStreamingEventPause && event != TavloStreamingEventStop) {
     log("TavloStreamingTagger - Event " + std::to_string(static_cast<uint64_t>(event)) +
-                         " is not play (0), pause (1) or stop (2): ignored",
-                     TavloLoggingModeError);
+            " is not play (0), pause (1) or stop (2): ignored",
+        TavloLoggingModeError);
     return;
   }
   const std::shared_ptr<TavloAgent> agent = agent_.lock();
@@ -489,7 +487,7 @@ std::optional<int64_t> TavloStreamingTagger::Impl::positionFromDelegate() {
     return delegate->currentPositionForStreamingTagger(*owner_);
   } catch (...) {
     log("TavloStreamingTagger - The delegate failed to give the current position: it is taken as unknown",
-                     TavloLoggingModeWarning);
+        TavloLoggingModeWarning);
     return std::nullopt;
   }
 }

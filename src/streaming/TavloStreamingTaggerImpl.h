@@ -94,9 +94,7 @@ class TavloStreamingTagger::Impl {
   void stopPollingLocked();
   void resetTaggerLocked();
   /// Writes a line to the sink of the platform this tagger was built with.
-  void log(std::string_view message, int64_t mode) const {
-    TavloLogger::logTo(platform_.logSink.get(), message, mode);
-  }
+  void log(std::string_view message, int64_t mode) const { TavloLogger::logTo(platform_.logSink.get(), message, mode); }
 
   // The public object that owns this; set once, by its constructor, before any call.
   TavloStreamingTagger* owner_ = nullptr;

@@ -41,9 +41,9 @@ std::shared_ptr<TavloAudienceTagger> TavloAudienceTagger::Impl::make(const std::
   // Said once, when the tagger is made: its hits are then dropped without a line each.
   if (serial && !serial->empty() && !TavloIsUsableSerial(*serial)) {
     agent->log("TavloAudienceTagger - Serial \"" + TavloLogSafe(*serial) +
-                         "\" is not usable: a serial must stand in a URL path as one segment; this tagger's hits "
-                         "are dropped",
-                     TavloLoggingModeError);
+                   "\" is not usable: a serial must stand in a URL path as one segment; this tagger's hits "
+                   "are dropped",
+               TavloLoggingModeError);
   }
   auto impl = std::make_unique<Impl>(
       agent, std::make_shared<TavloTaggerID>(serial, TavloTaggerID::kAudiencePartialID, false));
