@@ -41,7 +41,7 @@ uint64_t load32(const char* at) {
 // cache filled in one go, keeps about what it needs.
 template <class Buffer>
 void trim(Buffer& buffer) {
-  if (buffer.capacity() <= 4096 || 3 * buffer.size() >= 2 * buffer.capacity()) return;
+  if (buffer.capacity() * sizeof(buffer[0]) <= 4096 || 3 * buffer.size() >= 2 * buffer.capacity()) return;
   Buffer kept;
   kept.reserve(buffer.size() + buffer.size() / 4);
   kept.insert(kept.end(), std::make_move_iterator(buffer.begin()), std::make_move_iterator(buffer.end()));

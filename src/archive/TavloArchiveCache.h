@@ -28,12 +28,14 @@
 ///    entry, so an address always names the dictionary the entry was made from.
 ///
 /// Memory: after each archive, the entries of dictionaries it did not name are dropped,
-/// and with them the cache's hold on those dictionaries; when the texts it did not name
-/// outnumber a third of those it did (plus a few hundred), the texts are packed into
-/// memory of their own size. What stays is about what the last archive named: some 50
-/// bytes per distinct text and 4 per parameter, about 1.2 MB for a full queue of 500 hits
-/// of 35 values all their own, 0.3 MB when values repeat as they do in practice
-/// (bench/TavloQueueFileBench.cpp prints it).
+/// and with them the cache's hold on those dictionaries (a hit sent from the queue is
+/// held until the next save at most); when the texts it did not name outnumber a third of
+/// those it did (plus a few hundred), the texts are packed into memory of their own size,
+/// and buffers that grew by doubling give back what they no longer need. What stays is
+/// about what the last archive named: some 60 bytes per distinct text and 5 per
+/// parameter, about 1.3 MB for a full queue of 500 hits of 35 values all their own and
+/// 0.4 MB when values repeat as they do in practice (bench/TavloQueueFileBench.cpp prints
+/// it), and some ten kilobytes once the queue is empty.
 ///
 /// The output never depends on what the cache holds: an archive made through a cache is
 /// byte for byte the one made without.

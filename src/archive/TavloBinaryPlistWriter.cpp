@@ -160,16 +160,48 @@ void TavloBinaryPlistWriter::appendString(std::string& out, std::string_view utf
   }
 }
 
-void TavloBinaryPlistWriter::grow(std::size_t bytes) {
+void TavloBinaryPlistWriter::grow(std::size_t bytes, std::size_t objects) {
   constexpr std::size_t kMostBytes = UINT32_MAX;  // offsets are kept in 32 bits
-  if (size_ + bytes > kMostBytes || count_ == UINT32_MAX) throw std::length_error("property list past 4 GiB");
+  if (size_ + bytes > kMostBytes || count_ + objects > UINT32_MAX) throw std::length_error("property list past 4 GiB");
   if (out_.size() - size_ < bytes) out_.resize(std::min(std::max(2 * out_.size(), size_ + bytes), kMostBytes));
-  if (count_ == offsetsSize_) {
-    std::unique_ptr<uint32_t[]> grown(new uint32_t[2 * offsetsSize_]);
+  if (offsetsSize_ - count_ < objects) {
+    const std::size_t size = std::max(2 * offsetsSize_, count_ + objects);
+    std::unique_ptr<uint32_t[]> grown(new uint32_t[size]);
     std::copy_n(offsets_.get(), count_, grown.get());
     offsets_ = std::move(grown);
-    offsetsSize_ *= 2;
+    offsetsSize_ = size;
   }
+}
+
+void TavloBinaryPlistWriter::uids(const uint32_t* numbers, const uint32_t* values, std::size_t count) {
+  // Room for all of them first; then the loop keeps the output's end in registers.
+  if (out_.size() - size_ < 5 * count + 16 || offsetsSize_ - count_ < count) grow(5 * count + 16, count);
+  char* const begin = out_.data();
+  char* at = begin + size_;
+  uint32_t next = count_;
+  uint32_t* offsets = offsets_.get();
+  for (std::size_t i = 0; i < count; ++i) {
+    if (numbers[i] != next) continue;
+    const uint32_t value = values[i];
+    offsets[next++] = static_cast<uint32_t>(at - begin);
+    if (value < 0x100) {
+      at[0] = '\x80';
+      at[1] = static_cast<char>(value);
+      at += 2;
+    } else if (value < 0x10000) {
+      at[0] = '\x81';
+      at[1] = static_cast<char>(value >> 8);
+      at[2] = static_cast<char>(value);
+      at += 3;
+    } else {
+      at[0] = '\x83';
+      const uint32_t big = __builtin_bswap32(value);
+      std::memcpy(at + 1, &big, 4);
+      at += 5;
+    }
+  }
+  size_ = static_cast<std::size_t>(at - begin);
+  count_ = next;
 }
 
 void TavloBinaryPlistWriter::integer(int64_t value) {

@@ -84,6 +84,9 @@ class TavloBinaryPlistWriter {
       size_ += 5;
     }
   }
+  /// For each i, UID(values[i]) if numbers[i] is the next object's number: the UIDs of an
+  /// array met there first, in one go.
+  void uids(const uint32_t* numbers, const uint32_t* values, std::size_t count);
   void integer(int64_t value);
   void real(double value);
   void boolean(bool value);
@@ -102,11 +105,12 @@ class TavloBinaryPlistWriter {
  private:
   // Where an object of at most `bytes` bytes goes, with 16 bytes to spare; its offset noted.
   char* room(std::size_t bytes) {
-    if (out_.size() - size_ < bytes + 16 || count_ == offsetsSize_) grow(bytes + 16);
+    if (out_.size() - size_ < bytes + 16 || count_ == offsetsSize_) grow(bytes + 16, 1);
     offsets_[count_++] = static_cast<uint32_t>(size_);
     return out_.data() + size_;
   }
-  void grow(std::size_t bytes);
+  // Room for `bytes` more bytes and `objects` more offsets.
+  void grow(std::size_t bytes, std::size_t objects);
   void container(unsigned kind, const uint32_t* references, std::size_t count, std::size_t stride);
 
   const unsigned referenceBytes_;

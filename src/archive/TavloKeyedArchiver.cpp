@@ -397,13 +397,15 @@ void TavloKeyedArchiver::write(TavloBinaryPlistWriter& out, uint32_t rootUID) {
   // The members of "$objects", each followed by what it holds. Strings, most of them, are
   // written here; the cache keeps their bytes, ready to copy.
   const Entry* entries = entries_.data();
+  const char* encodings = cache_.bytes_.data();
+  uint32_t* numbers = stringNumbers_.data();
   for (std::size_t uid = 0; uid < entries_.size(); ++uid) {
     const Entry& entry = entries[uid];
     if (entry.kind == EntryKind::Text) {
-      uint32_t& number = stringNumbers_[entry.first];
+      uint32_t number = numbers[entry.first];
       if (number == kNone) {
-        number = nextNumber_++;
-        out.encoded(cache_.bytes_.data() + entry.more, entry.count);
+        number = numbers[entry.first] = nextNumber_++;
+        out.encoded(encodings + entry.more, entry.count);
       }
       objectNumbers_[uid] = number;
       continue;
@@ -449,8 +451,7 @@ void TavloKeyedArchiver::writeEntry(TavloBinaryPlistWriter& out, const Entry& en
       for (std::size_t half = 0; half < 2; ++half) {
         refs[2 * half] = numberKey(half == 0 ? keysKey_ : objectsKey_);
         refs[2 * half + 1] = nextNumber_++;
-        uint32_t* list = refs + 6 + half * count;
-        for (std::size_t i = 0; i < count; ++i) list[i] = numberUID(uids[half * count + i]);
+        numberUIDs(uids + half * count, count, refs + 6 + half * count);
       }
       refs[4] = numberKey(classKey_);
       refs[5] = numberUID(entry.more);
@@ -459,7 +460,7 @@ void TavloKeyedArchiver::writeEntry(TavloBinaryPlistWriter& out, const Entry& en
         writeText(out, refs[2 * half], half == 0 ? keysKey_ : objectsKey_);
         const uint32_t* list = refs + 6 + half * count;
         out.array(list, count);
-        for (std::size_t i = 0; i < count; ++i) writeUID(out, list[i], uids[half * count + i]);
+        out.uids(list, uids + half * count, count);
       }
       writeText(out, refs[4], classKey_);
       writeUID(out, refs[5], entry.more);
@@ -511,13 +512,13 @@ void TavloKeyedArchiver::writeEntry(TavloBinaryPlistWriter& out, const Entry& en
       ++nextNumber_;
       refs[0] = numberKey(objectsKey_);
       refs[1] = nextNumber_++;
-      for (std::size_t i = 0; i < count; ++i) refs[4 + i] = numberUID(uids[i]);
+      numberUIDs(uids, count, refs + 4);
       refs[2] = numberKey(classKey_);
       refs[3] = numberUID(entry.more);
       out.dictionary(refs, 2);
       writeText(out, refs[0], objectsKey_);
       out.array(refs + 4, count);
-      for (std::size_t i = 0; i < count; ++i) writeUID(out, refs[4 + i], uids[i]);
+      out.uids(refs + 4, uids, count);
       writeText(out, refs[2], classKey_);
       writeUID(out, refs[3], entry.more);
       return;
