@@ -1,11 +1,13 @@
 // Feeds arbitrary bytes to the queue file's reader, as a damaged or hostile requests.ser
 // would: it must neither crash nor hang nor grow without bound, and whatever it makes of
-// the bytes must survive being saved and read again.
+// the bytes must survive being saved and read again, through the agent's save cache too.
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "archive/TavloArchiveCache.h"
 #include "archive/TavloKeyedArchiver.h"
 #include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
@@ -24,5 +26,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string saved = TavloKeyedArchiver::archivedDataWithRootArray(*queue);
   const auto reread = TavloKeyedUnarchiver::unarchivedArrayWithData(saved, TavloRecordClasses(), &error);
   if (saved.empty() || !reread || reread->size() != queue->size()) __builtin_trap();
+  // The agent saves through a cache kept between saves, mostly after the head was sent:
+  // the bytes are a fresh encoder's all the same.
+  TavloArchiveCache cache;
+  if (TavloKeyedArchiver::archivedDataWithRootArray(*queue, cache) != saved) __builtin_trap();
+  std::vector<std::shared_ptr<TavloCodable>> rest(queue->begin() + (queue->empty() ? 0 : 1), queue->end());
+  rest.insert(rest.end(), reread->begin(), reread->end());
+  if (TavloKeyedArchiver::archivedDataWithRootArray(rest, cache) != TavloKeyedArchiver::archivedDataWithRootArray(rest)) {
+    __builtin_trap();
+  }
   return 0;
 }

@@ -293,8 +293,14 @@ void TavloAgent::persistLocked() {
   }
   // Archived and written without requestsProtector: enqueues and the send loop go on,
   // and fileWriter keeps the writes in the order of their snapshots.
-  const std::string bytes = TavloKeyedArchiver::archivedDataWithRootArray(objects);
+  const std::string bytes = TavloKeyedArchiver::archivedDataWithRootArray(objects, archiveCache_);
   objects.clear();
+  if (bytes.empty()) {
+    // Out of memory, most likely: the file on disk is older but whole, and the queue is
+    // written again at the next change.
+    TavloLogger::log("Could not encode the request queue; the file keeps its last contents", TavloLoggingModeError);
+    return;
+  }
   std::error_code error = platform_.files->writeFileAtomically(path, bytes, 0600);
   if (error == std::errc::no_such_file_or_directory) {
     // The folder went away while we ran: make it again, or say why it cannot be.

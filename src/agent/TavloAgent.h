@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "agent/TavloDefaultParameters.h"
+#include "archive/TavloArchiveCache.h"
 #include "agent/TavloDeliveryLedger.h"
 #include "agent/TavloSerialQueue.h"
 #include "auth/TavloAuthManager.h"
@@ -341,6 +342,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::vector<bool> journaled_;                  // guarded by fileWriter; by position
   uint64_t savedFingerprint_ = 0;                // guarded by fileWriter
   bool journalMayExist_ = false;                 // guarded by fileWriter
+  /// What a save leaves for the next: most of the queue is saved again unchanged.
+  TavloArchiveCache archiveCache_;               // guarded by fileWriter
 
   std::mutex requestsProtector;
   std::condition_variable requestsCondition;             // signalled under requestsProtector

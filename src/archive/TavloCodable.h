@@ -14,7 +14,8 @@ class TavloCodable {
   virtual ~TavloCodable() = default;
 
   /// The record's class followed by its ancestors, ending with "NSObject": written as
-  /// "$classes", its first entry as "$classname".
+  /// "$classes", its first entry as "$classname". The same for every record of a class:
+  /// an archive asks once per class.
   virtual std::vector<std::string> classChain() const = 0;
 
   /// Writes the record's fields with the archiver's encode operations.

@@ -46,7 +46,8 @@ enum TavloRequestStatus : int32_t {
 /// network name of its last URL, which a persisted request carries. That dictionary, the
 /// creation date and the send state (fails, status, renewal flag, authorisation), which
 /// only the agent changes once the hit is handed over, are guarded by the request's own
-/// mutex, since the tagger that made it may still read it.
+/// mutex, since the tagger that made it may still read it. The agent's save cache relies
+/// on the dictionary never changing: it knows one by its address (see TavloArchiveCache).
 class TavloRequest : public TavloCodable {
  public:
   static std::shared_ptr<TavloRequest> TavloRequestWithParameters(std::shared_ptr<const TavloParameters> parameters,

@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 
+#include "archive/TavloArchiveCache.h"
 #include "archive/TavloKeyedArchiver.h"
 #include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloClearCache.h"
@@ -111,6 +113,43 @@ TEST(TavloKeyedArchive, WritesTheSameBytesAsLibplistAndReadsBackWhatItWrote) {
     const std::string again = TavloKeyedArchiver::archivedDataWithRootArray(*read);
     EXPECT_TRUE(again == TavloKeyedArchiver::archivedDataWithRootArray(back)) << what;
   }
+}
+
+// The agent saves through a cache kept from one save to the next: after each change a
+// save through it must write what a fresh encoder writes, and a queue that shrank leaves
+// the cache small again.
+TEST(TavloKeyedArchive, SavesThroughTheAgentsCacheWriteWhatAFreshEncoderWrites) {
+  struct Throwing final : Node {
+    void encodeWithCoder(TavloKeyedArchiver&) const override { throw std::runtime_error("disk full"); }
+  };
+  const std::string odd = "caf\xC3\xA9 \xF0\x9F\x98\x80 bad\xFF nul" + std::string(1, '\0');
+  const auto hit = [](TavloParameters parameters) {
+    return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
+                                                    TavloRequestTypeAudience, TavloSendingModeLive, "1", nullptr, 0);
+  };
+  const TavloEndpoints endpoints = TavloEndpoints::allAt("https://aud.example");
+  TavloArchiveCache cache;
+  Queue queue = TavloSampleQueue(6, 4, false);
+  const auto request = [&](std::size_t i) { return std::dynamic_pointer_cast<TavloRequest>(queue.at(i)); };
+  const std::pair<const char*, std::function<void()>> steps[] = {
+      {"the first save", [] {}},
+      {"the head sent", [&] { queue.erase(queue.begin()); }},
+      {"non-ASCII and damaged text appended", [&] { queue.push_back(hit({{odd, odd}, {"\xC3\xA9", "NSObject"}})); }},
+      {"the network name stored in a hit", [&] { request(1)->url(2, 0, endpoints); }},
+      {"a send state changed", [&] { request(2)->setNumberOfFails(3), request(2)->setLastFail(1e9); }},
+      {"a copy sharing a dictionary, a hit twice", [&] { queue.push_back(request(0)->copy()), queue.push_back(queue[1]); }},
+      {"a record that throws: no file", [&] { queue.push_back(std::make_shared<Throwing>()); }},
+      {"that record gone", [&] { queue.pop_back(); }},
+      {"all replaced by hits of unique values", [&] { queue = TavloSampleQueue(100, 35, true); }},
+      {"replaced by two hits: the cache packs its texts", [&] { queue = TavloSampleQueue(2, 3, false); }},
+      {"one more hit after the packing", [&] { queue.push_back(hit({{odd, "x"}})); }},
+  };
+  for (const auto& [what, change] : steps) {
+    change();
+    const std::string expected = TavloLibplistKeyedArchiver::archivedDataWithRootArray(queue);
+    EXPECT_TRUE(TavloKeyedArchiver::archivedDataWithRootArray(queue, cache) == expected) << what;
+  }
+  EXPECT_LT(cache.memoryBytes(), 64u << 10) << "the cache of a queue of three hits";
 }
 
 TEST(TavloKeyedArchive, ShapesNoQueueHasAreReadWithinBounds) {
