@@ -298,7 +298,7 @@ void TavloAgent::persistLocked() {
   if (bytes.empty()) {
     // Out of memory, most likely: the file on disk is older but whole, and the queue is
     // written again at the next change.
-    TavloLogger::log("Could not encode the request queue; the file keeps its last contents", TavloLoggingModeError);
+    log("Could not encode the request queue; the file keeps its last contents", TavloLoggingModeError);
     return;
   }
   std::error_code error = platform_.files->writeFileAtomically(path, bytes, 0600);
