@@ -326,6 +326,7 @@ void BM_ThreadsAndWakeUpsWhilePlaying(benchmark::State& state) {
     auto one = play(1);
     state.counters["threads_1_playing"] = static_cast<double>(libraryThreadCount());
     agent->waitUntilQueueEmpty(30);  // the hits of the ten, and the play of this one, are out
+    agent->TEST_waitUntilIdle(30);   // and the agent is done with them: the window sees playing only
     const ThreadInfo before = libraryThreads();
     const auto perThreadBefore = threads();
     std::this_thread::sleep_for(std::chrono::seconds(window));  // the figure is real time itself

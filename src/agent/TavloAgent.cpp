@@ -27,6 +27,9 @@ namespace {
 constexpr size_t kMaximumQueueLength = 500;
 constexpr double kRetryInterval = 60;
 constexpr double kSendTimeout = 10;
+// How many batches of the hand-over the send loop takes before it leaves the rest to the
+// handler and goes back to sending.
+constexpr size_t kLoopTakeBatches = 4;
 
 // The calendar day of `localSeconds` (seconds since 1970 in local time).
 TavloCivilDate civilDayOf(double localSeconds) {
@@ -85,6 +88,10 @@ void TavloAgent::start() {
   requestHandler.async([weak] {
     if (auto agent = weak.lock()) {
       agent->loadRequests();
+      {
+        std::lock_guard lock(agent->requestsProtector);
+        agent->queueLoaded_ = true;
+      }
       agent->ledger_.deliver();
     }
   });
@@ -285,6 +292,12 @@ void TavloAgent::persistLocked() {
   {
     std::lock_guard lock(requestsProtector);
     if (queuePath_.empty() || changeCount_ == savedChangeCount_) return;
+    const bool deferred = std::exchange(deferredSave_, false);
+    if (deferred && requestQueue.empty() && fileHoldsNoQueuedRequest()) {
+      // The hit that was not written went out: the file already says what the queue says.
+      attemptedChangeCount_ = savedChangeCount_ = changeCount_;
+      return;
+    }
     attemptedChangeCount_ = changeCount_;
     objects.assign(requestQueue.begin(), requestQueue.end());
     for (const auto& request : requestQueue) order.push_back(request.get());
@@ -327,6 +340,13 @@ void TavloAgent::persistLocked() {
     platform_.files->removeFile(TavloSentJournal::pathFor(path));
     journalMayExist_ = false;
   }
+}
+
+bool TavloAgent::fileHoldsNoQueuedRequest() const {
+  for (size_t position = 0; position < savedOrder_.size(); ++position) {
+    if (savedOrder_[position] != nullptr && !journaled_[position]) return false;
+  }
+  return true;
 }
 
 void TavloAgent::journalRemoval(const TavloRequest* removed) {
@@ -441,27 +461,50 @@ bool TavloAgent::handOver(HandOver item) {
   }
   ledger_.deliver();
   if (closed) return false;
-  if (schedule) {
-    std::weak_ptr<TavloAgent> weak = weak_from_this();
-    requestHandler.async([weak] {
-      if (auto agent = weak.lock()) agent->takeHandOver();
-    });
-  }
+  if (schedule) scheduleTake();
   return true;
 }
 
-void TavloAgent::takeHandOver() {
+void TavloAgent::scheduleTake() {
+  bool loopTakes = false;
+  {
+    std::lock_guard lock(requestsProtector);
+    // A send loop asleep with nothing to send takes the hand-over itself: a hit that
+    // arrives on a quiet agent then wakes one thread, not two, before it goes out.
+    if (queueLoaded_ && loopWaiting_ && !stopping_) {
+      loopTakesHandOver_ = true;
+      loopTakes = true;
+      ++signalsSent_;
+    }
+  }
+  if (loopTakes) {
+    requestsCondition.notify_all();
+    return;
+  }
+  std::weak_ptr<TavloAgent> weak = weak_from_this();
+  requestHandler.async([weak] {
+    if (auto agent = weak.lock()) agent->takeHandOver();
+  });
+}
+
+void TavloAgent::takeHandOver(size_t maximumBatches) {
   // Taken in small batches: what waits in the hand-over, what is being queued and the
   // queue itself are then all that is alive at once, however fast hits come.
   constexpr size_t kBatch = 16;
   std::vector<std::pair<TavloConsent, bool>> consentChanges;  // the state, and whether to reset the identifier
-  for (;;) {
+  std::vector<std::shared_ptr<std::promise<void>>> barriers;
+  bool more = false;  // left for the handler: the taker had its share
+  for (size_t batches = 0;; ++batches) {
     std::deque<HandOver> taken;
     uint64_t dropped = 0;
     {
       std::lock_guard lock(inboxProtector);
       if (inbox_.empty()) {
         inboxTakeScheduled_ = false;
+        break;
+      }
+      if (batches == maximumBatches) {
+        more = true;  // still scheduled: nobody else takes meanwhile
         break;
       }
       while (!inbox_.empty() && taken.size() < kBatch) {
@@ -488,25 +531,33 @@ void TavloAgent::takeHandOver() {
       item.make = nullptr;
       if (item.request && refusesOversized(*item.request)) item.request.reset();
     }
-    std::lock_guard lock(requestsProtector);
-    for (const HandOver& item : taken) {
-      switch (item.kind) {
-        case HandOver::Enqueue:
-          if (item.request) enqueue(item.request);
-          break;
-        case HandOver::ReconnectionPurge:
-          purgeAudienceRequests();
-          break;
-        case HandOver::Wake:
-          signalLoop();
-          break;
-        case HandOver::ConsentChange:
-          if (item.consent == TavloConsent::Revoked) purgeForConsent();
-          consentChanges.emplace_back(item.consent, item.resetDeviceIdentifier);
-          signalLoop();
-          break;
+    {
+      std::lock_guard lock(requestsProtector);
+      for (const HandOver& item : taken) {
+        switch (item.kind) {
+          case HandOver::Enqueue:
+            if (item.request) enqueue(item.request);
+            break;
+          case HandOver::ReconnectionPurge:
+            purgeAudienceRequests();
+            break;
+          case HandOver::Wake:
+            ++signalsSent_;
+            break;
+          case HandOver::ConsentChange:
+            if (item.consent == TavloConsent::Revoked) purgeForConsent();
+            consentChanges.emplace_back(item.consent, item.resetDeviceIdentifier);
+            ++signalsSent_;
+            break;
+          case HandOver::Barrier:
+            barriers.push_back(item.done);
+            break;
+        }
       }
     }
+    // Woken once the lock is free: woken while it was held, the loop would only go back
+    // to sleep on it, one more wake-up per hit.
+    requestsCondition.notify_all();
   }
   if (!consentChanges.empty()) {
     // Kept beside the queue file: a restart goes on with the viewer's last word.
@@ -528,8 +579,33 @@ void TavloAgent::takeHandOver() {
       if (reset && consent == TavloConsent::Revoked) defaults_.uuidHandler().reset();
     }
   }
-  persist();
+  persistUnlessGoingOutNow();
+  // What was handed over before each barrier is now in the queue and the file.
+  for (const auto& barrier : barriers) barrier->set_value();
   ledger_.deliver();
+  if (more) {
+    std::weak_ptr<TavloAgent> weak = weak_from_this();
+    requestHandler.async([weak] {
+      if (auto agent = weak.lock()) agent->takeHandOver();
+    });
+  }
+}
+
+void TavloAgent::persistUnlessGoingOutNow() {
+  std::lock_guard writer(fileWriter);
+  {
+    std::lock_guard lock(requestsProtector);
+    // A lone hit on an empty file that the send loop can send right now is not written
+    // first: most hits leave within milliseconds, and writing each one before it goes
+    // cost two syncs of the storage and a rewrite, each waking the agent, for every
+    // polling hit of a playing medium. If its first attempt does not deliver it, the loop
+    // writes it when it goes idle; shutdown writes it too.
+    if (fileHoldsNoQueuedRequest() && requestQueue.size() == 1 && !stopping_ && headIsSendable()) {
+      deferredSave_ = true;
+      return;
+    }
+  }
+  persistLocked();
 }
 
 void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
@@ -552,7 +628,7 @@ void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
   publishQueueLength();
   saveRequests();
   logCount();
-  signalLoop();
+  ++signalsSent_;  // the taker wakes the loop once it has let go of requestsProtector
 }
 
 void TavloAgent::attachCachedAuth(TavloRequest& request) {
@@ -586,7 +662,7 @@ void TavloAgent::purgeAudienceRequests() {
   });
   publishQueueLength();
   awaitingReconnection_ = false;
-  signalLoop();
+  ++signalsSent_;  // the taker wakes the loop once it has let go of requestsProtector
 }
 
 void TavloAgent::purgeForConsent() {
@@ -672,7 +748,7 @@ void TavloAgent::handleRequests() {
     std::shared_ptr<TavloRequest> request;
     {
       std::unique_lock lock(requestsProtector);
-      while (!stopping_ && !headIsSendable()) {
+      while (!stopping_ && !loopTakesHandOver_ && !headIsSendable()) {
         if (fileBehind()) {
           // Going idle ends a burst of removals: the file itself catches up (once per change).
           lock.unlock();
@@ -687,6 +763,12 @@ void TavloAgent::handleRequests() {
         loopWaiting_ = false;
       }
       if (stopping_) return;
+      if (std::exchange(loopTakesHandOver_, false)) {
+        lock.unlock();
+        // A few batches at most: a flood goes on on the handler while this loop sends.
+        takeHandOver(kLoopTakeBatches);
+        continue;
+      }
 
       log("Request to handle !", TavloLoggingModeInfo);
       request = requestQueue.front();
@@ -910,9 +992,12 @@ std::chrono::steady_clock::time_point deadlineIn(double seconds) {
 }  // namespace
 
 bool TavloAgent::waitForHandler(std::chrono::steady_clock::time_point deadline) {
-  auto handled = std::make_shared<std::promise<void>>();
-  if (!requestHandler.async([handled] { handled->set_value(); })) return true;
-  return handled->get_future().wait_until(deadline) == std::future_status::ready;
+  // A barrier in the hand-over: whichever thread takes it has taken all that came before.
+  HandOver barrier{HandOver::Barrier};
+  barrier.done = std::make_shared<std::promise<void>>();
+  std::future<void> taken = barrier.done->get_future();
+  if (!handOver(std::move(barrier))) return true;  // shut down: nothing is taken any more
+  return taken.wait_until(deadline) == std::future_status::ready;
 }
 
 bool TavloAgent::waitUntilQueueEmpty(double seconds) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -231,7 +232,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// kept in the order they came so that a reaction sees exactly the requests handed
   /// over before it.
   struct HandOver {
-    enum Kind { Enqueue, ReconnectionPurge, Wake, ConsentChange };
+    enum Kind { Enqueue, ReconnectionPurge, Wake, ConsentChange, Barrier };
     HandOver(Kind kind = Enqueue, std::shared_ptr<TavloRequest> request = nullptr, RequestMaker make = nullptr)
         : kind(kind), request(std::move(request)), make(std::move(make)) {}
     Kind kind;
@@ -241,6 +242,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
     int64_t requestType = TavloRequestTypeAudience;
     TavloConsent consent = TavloConsent::Granted;  // a ConsentChange's
     bool resetDeviceIdentifier = false;            // a ConsentChange's
+    std::shared_ptr<std::promise<void>> done;      // a Barrier's: set once taken
   };
   /// Counts `item`'s hit as dropped for `reason`. REQUIRES: no lock but inboxProtector.
   void countDropped(const HandOver& item, TavloDropReason reason);
@@ -258,6 +260,12 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// REQUIRES: no lock of the agent held.
   void persist();
   void persistLocked();  // REQUIRES: fileWriter held, requestsProtector not
+  /// `persist`, except for a lone hit that the send loop is about to send: it is written
+  /// only if that attempt does not deliver it. REQUIRES: no lock of the agent held.
+  void persistUnlessGoingOutNow();
+  /// Whether the file and its journal, read at start, would give an empty queue.
+  /// REQUIRES: fileWriter held.
+  bool fileHoldsNoQueuedRequest() const;
   /// Makes the removal of `removed` durable before the next request goes out: a few
   /// bytes in the sent journal, or the whole file when the journal cannot be written.
   /// REQUIRES: no lock of the agent held.
@@ -282,10 +290,16 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// Puts `item` into the hand-over and makes sure "TavloRequestHandler" will take it;
   /// false once the agent is shut down.
   bool handOver(HandOver item);
-  /// Takes everything waiting in the hand-over into the queue, then writes the file.
-  void takeHandOver();
-  void enqueue(const std::shared_ptr<TavloRequest>& request);  // REQUIRES: requestsProtector held
-  void purgeAudienceRequests();                                // REQUIRES: requestsProtector held
+  /// Makes sure one thread takes the hand-over: the send loop when it sleeps with nothing
+  /// to send, else "TavloRequestHandler". REQUIRES: no lock of the agent held.
+  void scheduleTake();
+  /// Takes what waits in the hand-over into the queue, up to `maximumBatches` batches,
+  /// then writes the file; what is left goes on on "TavloRequestHandler".
+  void takeHandOver(size_t maximumBatches = SIZE_MAX);
+  // Both count a signal for the loop; the caller notifies `requestsCondition` once it has
+  // released requestsProtector. REQUIRES: requestsProtector held.
+  void enqueue(const std::shared_ptr<TavloRequest>& request);
+  void purgeAudienceRequests();
   /// Empties the queue for a revoked consent. REQUIRES: requestsProtector held.
   void purgeForConsent();
   /// Where the consent state is kept: beside the queue file at `queuePath`, or nowhere.
@@ -350,6 +364,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::deque<std::shared_ptr<TavloRequest>> requestQueue;  // guarded by requestsProtector
   bool stopping_ = false;                                 // guarded by requestsProtector
   bool loopWaiting_ = false;                              // guarded by requestsProtector
+  bool loopTakesHandOver_ = false;                        // guarded by requestsProtector
+  bool queueLoaded_ = false;  // guarded by requestsProtector: the file was read (or there is none)
   bool attemptInFlight_ = false;                          // guarded by requestsProtector
   bool flushing_ = false;  // guarded by requestsProtector: the retry pause is ignored
   std::vector<std::shared_ptr<TavloRequest>> awaitingAuth_;  // guarded by requestsProtector
@@ -359,6 +375,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::string queuePath_;                                 // guarded by requestsProtector; empty: memory only
   uint64_t changeCount_ = 0;                              // guarded by requestsProtector
   uint64_t attemptedChangeCount_ = 0;                     // guarded by requestsProtector
+  bool deferredSave_ = false;  // guarded by requestsProtector: a lone hit went to the loop unwritten
 
   std::mutex queueLengthProtector;
   std::condition_variable queueLengthChanged;  // signalled under queueLengthProtector
