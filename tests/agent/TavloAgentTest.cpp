@@ -332,6 +332,37 @@ TEST_F(TavloAgentFileTest, TheSentJournalCountsOnlyForItsOwnFile) {
   }
 }
 
+TEST_F(TavloAgentFileTest, ALoneHitThatCanGoAtOnceIsWrittenOnlyIfItsFirstAttemptDoesNotDeliverIt) {
+  struct Case {
+    const char* name;
+    bool online;
+    TavloHttpResponse answer;
+    bool written;
+    std::vector<std::string> inFile;
+  };
+  const Case cases[] = {
+      {"delivered", true, TavloScriptedHttpClient::answer(200), false, {}},
+      {"answered with another status: dropped", true, TavloScriptedHttpClient::answer(500), false, {}},
+      {"no answer: kept for the retry", true, TavloScriptedHttpClient::noResponse(), true, {"lone"}},
+      {"offline: cannot go at once", false, TavloScriptedHttpClient::answer(200), true, {"lone"}},
+  };
+  for (const Case& c : cases) {
+    agent->shutdown();
+    std::filesystem::remove_all(test.directory->path() + "/TestApp");
+    test.reachability->setFlags(c.online ? uint32_t{TavloReachabilityFlagReachable} : 0u);
+    test.http->setHandler([&](const TavloHttpRequest&) { return c.answer; });
+    startAgent();
+    agent->addRequestToQueue(streamingRequest("lone"));
+    settle();
+    EXPECT_EQ(c.written, std::filesystem::exists(queuePath())) << c.name;
+    EXPECT_EQ(c.inFile, levelsInFile()) << c.name;
+  }
+  // Behind a hit already written, a new one is written before it goes, as ever.
+  agent->addRequestToQueue(streamingRequest("second"));
+  ASSERT_TRUE(agent->TEST_waitForHandOver());
+  EXPECT_EQ((std::vector<std::string>{"lone", "second"}), levelsInFile());
+}
+
 // Holds the sending thread inside one exchange until the test lets it go.
 struct TavloHeldExchange {
   std::promise<void> entered, release;
