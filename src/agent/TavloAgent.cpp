@@ -28,8 +28,8 @@ constexpr size_t kMaximumQueueLength = 500;
 constexpr double kRetryInterval = 60;
 constexpr double kSendTimeout = 10;
 // How many batches of the hand-over the send loop takes before it leaves the rest to the
-// handler and goes back to sending.
-constexpr size_t kLoopTakeBatches = 4;
+// handler and goes back to sending: one, so that a burst is made on the handler.
+constexpr size_t kLoopTakeBatches = 1;
 
 // The calendar day of `localSeconds` (seconds since 1970 in local time).
 TavloCivilDate civilDayOf(double localSeconds) {
@@ -208,6 +208,7 @@ void TavloAgent::loadRequests() {
   std::deque<std::shared_ptr<TavloRequest>> loaded;
   std::vector<const TavloRequest*> fileOrder;  // what the file holds, by position
   std::vector<bool> sent;                      // by position: listed in the sent journal
+  bool markerLoaded = false;
   std::string data;
   const std::string journalPath = TavloSentJournal::pathFor(path);
   error = platform_.files->readFile(path, data, TavloKeyedUnarchiver::maxArchiveBytes);
@@ -249,7 +250,10 @@ void TavloAgent::loadRequests() {
         }
       }
       // Loading keeps everything the file holds: the 500 cap applies when a request is added.
-      if (!loaded.empty()) loaded.push_back(TavloClearCache::make());
+      if (!loaded.empty()) {
+        loaded.push_back(TavloClearCache::make());
+        markerLoaded = true;
+      }
     }
   }
   {
@@ -263,6 +267,7 @@ void TavloAgent::loadRequests() {
     if (sent.empty()) platform_.files->removeFile(journalPath);  // another file's, or none
   }
   std::lock_guard guard(requestsProtector);
+  markerMayBeQueued_ = markerLoaded;
   fileLock_ = std::move(lock);
   queuePath_ = path;
   // Nothing was handed over yet (the hand-over waits behind this task), so the loaded
@@ -438,7 +443,11 @@ bool TavloAgent::handOver(HandOver item) {
   }
   bool closed = false;
   {
-    std::lock_guard lock(inboxProtector);
+    // The taker holds this lock only to move a few items: a caller spins briefly rather
+    // than sleep on it and wait for the scheduler to wake it again.
+    std::unique_lock lock(inboxProtector, std::try_to_lock);
+    for (int spin = 0; spin < 100 && !lock.owns_lock(); ++spin) static_cast<void>(lock.try_lock());
+    if (!lock.owns_lock()) lock.lock();
     closed = inboxClosed_;
     if (closed) {
       countDropped(item, TavloDropReason::AfterShutdown);
@@ -506,6 +515,10 @@ void TavloAgent::takeHandOver(size_t maximumBatches) {
       if (batches == maximumBatches) {
         more = true;  // still scheduled: nobody else takes meanwhile
         break;
+      }
+      if (inbox_.size() <= kBatch) {
+        taken.swap(inbox_);  // the usual case, in no time: a caller never waits for the moves
+        inboxRequests_ = 0;
       }
       while (!inbox_.empty() && taken.size() < kBatch) {
         if (inbox_.front().kind == HandOver::Enqueue) --inboxRequests_;
@@ -632,8 +645,13 @@ void TavloAgent::enqueue(const std::shared_ptr<TavloRequest>& request) {
 }
 
 void TavloAgent::attachCachedAuth(TavloRequest& request) {
-  const bool markerWaiting = std::any_of(requestQueue.begin(), requestQueue.end(),
-                                         [](const auto& queued) { return queued->isClearCacheMarker(); });
+  // A marker is only ever queued at start, behind the loaded requests: once none is left,
+  // no hit needs to look for one again.
+  if (markerMayBeQueued_) {
+    markerMayBeQueued_ = std::any_of(requestQueue.begin(), requestQueue.end(),
+                                     [](const auto& queued) { return queued->isClearCacheMarker(); });
+  }
+  const bool markerWaiting = markerMayBeQueued_;
   // While a marker waits, the cache is about to be cleared: the send step fetches afresh.
   const std::shared_ptr<TavloTaggerID> tagger = request.taggerID();
   if (markerWaiting || !tagger) return;
@@ -718,6 +736,9 @@ void TavloAgent::setConsent(TavloConsent consent, bool resetDeviceIdentifier) {
 void TavloAgent::removeRequestFromQueue(const std::shared_ptr<TavloRequest>& request) {
   if (!request) return;
   log("Removing request from queue", TavloLoggingModeInfo);
+  // Sent from the head, almost always; the rest is still searched, since the same request
+  // may have been handed over twice.
+  if (!requestQueue.empty() && requestQueue.front() == request) requestQueue.pop_front();
   std::erase_if(requestQueue, [&](const auto& queued) { return request->isEqual(*queued); });
   publishQueueLength();
   // Only the send loop removes, and it journals each removal before its next request:
@@ -968,7 +989,8 @@ void TavloAgent::publishQueueLength() {
     std::lock_guard lock(queueLengthProtector);
     queueLength_ = requestQueue.size();
   }
-  queueLengthChanged.notify_all();
+  // Only an empty queue is waited for: a drain wakes the waiters once, not at every hit.
+  if (requestQueue.empty()) queueLengthChanged.notify_all();
 }
 
 uint64_t TavloAgent::droppedAtHandOverCount() {

@@ -366,6 +366,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   bool loopWaiting_ = false;                              // guarded by requestsProtector
   bool loopTakesHandOver_ = false;                        // guarded by requestsProtector
   bool queueLoaded_ = false;  // guarded by requestsProtector: the file was read (or there is none)
+  bool markerMayBeQueued_ = false;  // guarded by requestsProtector: a clear-cache marker was loaded
   bool attemptInFlight_ = false;                          // guarded by requestsProtector
   bool flushing_ = false;  // guarded by requestsProtector: the retry pause is ignored
   std::vector<std::shared_ptr<TavloRequest>> awaitingAuth_;  // guarded by requestsProtector

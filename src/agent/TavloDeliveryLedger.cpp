@@ -55,7 +55,10 @@ void TavloDeliveryLedger::sent(const TavloRequest& request) {
 void TavloDeliveryLedger::droppedLocked(TavloDeliveryCounts& entry, TavloDropReason reason, long httpStatus) {
   ++entry.dropped[static_cast<std::size_t>(reason)];
   ++dropped_;
-  if (handler_) undelivered_.push_back({entry.serial, entry.requestType, reason, httpStatus});
+  if (handler_) {
+    undelivered_.push_back({entry.serial, entry.requestType, reason, httpStatus});
+    dropsWaiting_.store(true, std::memory_order_release);
+  }
 }
 
 void TavloDeliveryLedger::dropped(const TavloRequest& request, TavloDropReason reason, long httpStatus) {
@@ -111,14 +114,22 @@ std::pair<uint64_t, uint64_t> TavloDeliveryLedger::totals() const {
 void TavloDeliveryLedger::setHandler(TavloDropHandler handler) {
   std::lock_guard lock(ledgerProtector);
   handler_ = handler ? std::make_shared<const TavloDropHandler>(std::move(handler)) : nullptr;
-  if (!handler_) undelivered_.clear();
+  if (!handler_) {
+    undelivered_.clear();
+    dropsWaiting_.store(false, std::memory_order_relaxed);
+  }
 }
 
 void TavloDeliveryLedger::deliver() {
   std::vector<TavloDroppedHit> drops;
   std::shared_ptr<const TavloDropHandler> handler;
+  // Called at every hand-over, from the application's threads too: with nothing to
+  // deliver, which is nearly always, it must not even take the lock the agent's threads
+  // hold while they count.
+  if (!dropsWaiting_.load(std::memory_order_acquire)) return;
   {
     std::lock_guard lock(ledgerProtector);
+    dropsWaiting_.store(false, std::memory_order_relaxed);
     if (undelivered_.empty()) return;
     drops.swap(undelivered_);
     handler = handler_;

@@ -1,6 +1,7 @@
 // Counts what became of every hit, and tells the application of each drop.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <string_view>
 #include <mutex>
@@ -51,4 +52,5 @@ class TavloDeliveryLedger {
   uint64_t dropped_ = 0;                                                      // guarded by ledgerProtector
   std::shared_ptr<const TavloDropHandler> handler_;                           // guarded by ledgerProtector
   std::vector<TavloDroppedHit> undelivered_;                                  // guarded by ledgerProtector
+  std::atomic<bool> dropsWaiting_{false};  // set with undelivered_, read without the lock
 };

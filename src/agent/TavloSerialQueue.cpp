@@ -34,6 +34,13 @@ bool TavloSerialQueue::isCurrent() const { return thread_.get_id() == std::this_
 void TavloSerialQueue::run() {
   // Thread names are limited to 15 characters.
   pthread_setname_np(pthread_self(), label_.substr(0, 15).c_str());
+#ifdef SCHED_BATCH
+  // Background work: woken by a hand-over, this thread must not preempt the caller (the
+  // application's own thread, often its UI's) in the middle of its call; it runs as soon
+  // as a CPU is free instead. Its share of the CPU is unchanged. Needs no privilege.
+  const sched_param unchanged{};
+  pthread_setschedparam(pthread_self(), SCHED_BATCH, &unchanged);
+#endif
   for (;;) {
     std::function<void()> task;
     {

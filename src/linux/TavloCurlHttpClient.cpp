@@ -294,15 +294,19 @@ std::string transportError(CURLcode code, const Exchange& exchange, const char* 
 
 }  // namespace
 
-// A handle taken from the pool for one exchange. Resetting on return drops every option
-// that points into the exchange (buffers, header list, callbacks' context) before they
-// go out of scope, and keeps the handle's connections.
+// A handle taken from the pool for one exchange. On return, every option that points
+// into the exchange (buffers, header list, callbacks' context) is cleared before they go
+// out of scope; the options every exchange shares stay, set once when the handle was
+// made, and so do the handle's connections.
 class TavloCurlHttpClient::HandleLease {
  public:
   explicit HandleLease(TavloCurlHttpClient& client) : client(client), handle(client.takeHandle()) {}
   ~HandleLease() {
     if (handle == nullptr) return;
-    curl_easy_reset(handle);
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, nullptr);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, nullptr);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, nullptr);
     client.giveBack(handle);
   }
   HandleLease(const HandleLease&) = delete;
@@ -368,7 +372,30 @@ CURL* TavloCurlHttpClient::takeHandle() {
       return handle;
     }
   }
-  return curl_easy_init();
+  CURL* handle = curl_easy_init();
+  if (handle != nullptr) configure(handle);
+  return handle;
+}
+
+void TavloCurlHttpClient::configure(CURL* handle) const {
+  // Signals would be unsafe in a library thread (libcurl's resolver time-out uses
+  // SIGALRM otherwise).
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  // A declared length over the bound is refused before any of the body is read.
+  curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(maxBodyBytes));
+  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, receiveHeader);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, receiveBody);
+  // Exactly what the deployment named: a file alone must not be completed by libcurl's
+  // default directory, nor a directory by its default file, which a box may not have.
+  if (!settings.caSource.empty()) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str());
+    curl_easy_setopt(handle, CURLOPT_CAPATH, settings.caDirectory.empty() ? nullptr : settings.caDirectory.c_str());
+  }
+  if (!settings.proxy.empty()) curl_easy_setopt(handle, CURLOPT_PROXY, settings.proxy.c_str());
 }
 
 void TavloCurlHttpClient::giveBack(CURL* handle) {
@@ -405,30 +432,13 @@ TavloHttpResponse TavloCurlHttpClient::get(const TavloHttpRequest& request) {
   char details[CURL_ERROR_SIZE] = {};
   const long timeout = timeoutMilliseconds(request.timeoutSeconds);
 
-  // Signals would be unsafe in a library thread (libcurl's resolver time-out uses
-  // SIGALRM otherwise), and a connection must never outlast the whole exchange.
-  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  // A connection must never outlast the whole exchange.
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, details);
-  curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
-  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
-  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, timeout);
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, timeout);
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  // A declared length over the bound is refused before any of the body is read.
-  curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(maxBodyBytes));
-  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, receiveHeader);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &exchange);
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &exchange);
-  // Exactly what the deployment named: a file alone must not be completed by libcurl's
-  // default directory, nor a directory by its default file, which a box may not have.
-  if (!settings.caSource.empty()) {
-    curl_easy_setopt(handle, CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str());
-    curl_easy_setopt(handle, CURLOPT_CAPATH, settings.caDirectory.empty() ? nullptr : settings.caDirectory.c_str());
-  }
-  if (!settings.proxy.empty()) curl_easy_setopt(handle, CURLOPT_PROXY, settings.proxy.c_str());
   if (const CURLcode accepted = curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str()); accepted != CURLE_OK) {
     std::string error = std::string("unusable URL (") + curl_easy_strerror(accepted) + "); request not sent";
     return accepted == CURLE_OUT_OF_MEMORY ? noResponse(std::move(error)) : invalidRequest(std::move(error));

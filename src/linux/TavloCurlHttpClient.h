@@ -84,6 +84,8 @@ class TavloCurlHttpClient : public TavloHttpClient {
 
   /// An idle handle from the pool, or a new one; null when libcurl cannot make one.
   CURL* takeHandle();
+  /// Sets the options every exchange shares on a new handle.
+  void configure(CURL* handle) const;
   void giveBack(CURL* handle);
 
   void reportCertificateFailure(const TavloHttpRequest& request, const std::string& error);

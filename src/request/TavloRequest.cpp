@@ -252,10 +252,17 @@ int64_t truncatedSeconds(double seconds) {
   return static_cast<int64_t>(seconds);
 }
 
+// ASCII letters only, whatever locale the application set: the pieces compared are
+// percent-escaped, so they hold nothing else, and the order on the wire must not depend
+// on the locale.
+unsigned char foldedCase(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte >= 'A' && byte <= 'Z' ? static_cast<unsigned char>(byte | 0x20) : byte;
+}
+
 bool lessIgnoringCase(const std::string& a, const std::string& b) {
-  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-    return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
-  });
+  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                      [](char x, char y) { return foldedCase(x) < foldedCase(y); });
 }
 
 std::vector<std::string> split(std::string_view text, char separator) {
