@@ -55,7 +55,8 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 /// Queues every hit, keeps the queue in a file, and sends it.
 ///
 /// Taggers hand finished requests to `addRequestToQueue`, which returns at once; the work
-/// happens on two serial queues of the agent's own:
+/// happens on two serial queues of the agent's own (SCHED_BATCH, so that waking them never
+/// preempts the caller):
 ///  - "TavloRequestHandler" loads the queue file at start (never on the application's
 ///    thread), then runs every change made from outside: enqueue (with the cached
 ///    authorisation attached), the reachability and foreground reactions;
@@ -66,8 +67,14 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 ///    the head for a retry; a refusal, a request the HTTP client cannot form, or any other
 ///    status removes it.
 ///
-/// Hand-over: requests wait in a bounded inbox until "TavloRequestHandler" takes them, in
-/// the order they came, a few at a time; the file is written once the inbox is empty. A caller that hands over faster than the
+/// Hand-over: requests wait in a bounded inbox until one thread takes them, in the order
+/// they came, a few at a time: the send loop when it sleeps with nothing to send (one
+/// batch, so that a hit on a quiet agent wakes one thread, not two), else
+/// "TavloRequestHandler". The file is written once the inbox is empty, except for a lone
+/// hit on a file that holds nothing queued which the loop can send at once: it is written
+/// only if that first attempt does not deliver it (when the loop goes idle, or at
+/// shutdown), so most hits never cost a write, a sync or a wake-up for it; a process
+/// killed during that one exchange loses it unless the collector already had it. A caller that hands over faster than the
 /// queue can take them never makes memory grow: past `maximumHandOverBacklog` waiting
 /// requests the oldest waiting one is dropped (the 500-request cap would drop it anyway)
 /// and counted; while it drops hits, the handler hands freed memory back to the system
