@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "agent/TavloDefaultParameters.h"
-#include "archive/TavloArchiveCache.h"
 #include "agent/TavloDeliveryLedger.h"
 #include "agent/TavloSerialQueue.h"
+#include "archive/TavloArchiveCache.h"
 #include "auth/TavloAuthManager.h"
 #include "identity/TavloTaggerIdentifier.h"
 #include "platform/TavloLogger.h"
@@ -74,13 +74,15 @@ inline constexpr const char* kTavloApplicationWillEnterForegroundNotification =
 /// hit on a file that holds nothing queued which the loop can send at once: it is written
 /// only if that first attempt does not deliver it (when the loop goes idle, or at
 /// shutdown), so most hits never cost a write, a sync or a wake-up for it; a process
-/// killed during that one exchange loses it unless the collector already had it. A caller that hands over faster than the
-/// queue can take them never makes memory grow: past `maximumHandOverBacklog` waiting
-/// requests the oldest waiting one is dropped (the 500-request cap would drop it anyway)
-/// and counted; while it drops hits, the handler hands freed memory back to the system
-/// (malloc_trim, on glibc), since those hits were freed in the callers' own arenas. A
-/// request whose parameters are larger than `maximumHitBytes` can never be sent and is
-/// refused on the caller's thread with an ERROR line.
+/// killed during that one exchange loses it unless the collector already had it.
+///
+/// A caller that hands over faster than the queue can take them never makes memory grow:
+/// past `maximumHandOverBacklog` waiting requests the oldest waiting one is dropped (the
+/// 500-request cap would drop it anyway) and counted; while it drops hits, the handler
+/// hands freed memory back to the system (malloc_trim, on glibc), since those hits were
+/// freed in the callers' own arenas. A request whose parameters are larger than
+/// `maximumHitBytes` can never be sent and is refused on the caller's thread with an
+/// ERROR line.
 ///
 /// The queue holds at most 500 requests after an insertion (the oldest goes first) and is
 /// written to "<data directory>/<application>/TavloCache/requests.ser" atomically after
@@ -372,7 +374,7 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   bool stopping_ = false;                                 // guarded by requestsProtector
   bool loopWaiting_ = false;                              // guarded by requestsProtector
   bool loopTakesHandOver_ = false;                        // guarded by requestsProtector
-  bool queueLoaded_ = false;  // guarded by requestsProtector: the file was read (or there is none)
+  bool queueLoaded_ = false;        // guarded by requestsProtector: the file was read (or there is none)
   bool markerMayBeQueued_ = false;  // guarded by requestsProtector: a clear-cache marker was loaded
   bool attemptInFlight_ = false;                          // guarded by requestsProtector
   bool flushing_ = false;  // guarded by requestsProtector: the retry pause is ignored

@@ -3,9 +3,9 @@
 
 #include <atomic>
 #include <map>
-#include <string_view>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
