@@ -608,8 +608,8 @@ void TavloAgent::persistUnlessGoingOutNow() {
   std::lock_guard writer(fileWriter);
   {
     std::lock_guard lock(requestsProtector);
-    // A lone hit on an empty file that the send loop can send right now is not written
-    // first: most hits leave within milliseconds, and writing each one before it goes
+    // A lone hit that the send loop can send right now, on a file that holds nothing
+    // still queued, is not written first: most hits leave within milliseconds, and writing each one before it goes
     // cost two syncs of the storage and a rewrite, each waking the agent, for every
     // polling hit of a playing medium. If its first attempt does not deliver it, the loop
     // writes it when it goes idle; shutdown writes it too.
@@ -786,7 +786,7 @@ void TavloAgent::handleRequests() {
       if (stopping_) return;
       if (std::exchange(loopTakesHandOver_, false)) {
         lock.unlock();
-        // A few batches at most: a flood goes on on the handler while this loop sends.
+        // One batch at most: a flood goes on on the handler while this loop sends.
         takeHandOver(kLoopTakeBatches);
         continue;
       }
