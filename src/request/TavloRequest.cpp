@@ -72,6 +72,21 @@ void TavloAppendParametersDescription(std::string& out, const TavloParameters* p
   out.append("}");
 }
 
+void TavloAppendParametersDescription(std::string& out, const TavloParameters& parameters,
+                                      std::span<const std::string_view> added,
+                                      const std::vector<std::pair<std::string, std::string>>& replaced) {
+  if (added.empty() && replaced.empty()) {
+    TavloAppendParametersDescription(out, &parameters);
+    return;
+  }
+  TavloParameters before;
+  for (const auto& [key, value] : parameters) {
+    if (std::find(added.begin(), added.end(), key) == added.end()) before.emplace(key, value);
+  }
+  for (const auto& [key, value] : replaced) before.insert_or_assign(key, value);
+  TavloAppendParametersDescription(out, &before);
+}
+
 std::string TavloParametersDescription(const TavloParameters* parameters) {
   std::string text;
   TavloAppendParametersDescription(text, parameters);

@@ -5,8 +5,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "archive/TavloCodable.h"
 #include "auth/TavloAuth.h"
@@ -173,3 +176,9 @@ class TavloRequest : public TavloCodable {
 std::string TavloParametersDescription(const TavloParameters* parameters);
 /// The same text, appended to `out`.
 void TavloAppendParametersDescription(std::string& out, const TavloParameters* parameters);
+/// The text of `parameters` as it was before some keys were added and some values
+/// replaced: the keys in `added` are left out, and each key in `replaced` shows the value
+/// given there.
+void TavloAppendParametersDescription(std::string& out, const TavloParameters& parameters,
+                                      std::span<const std::string_view> added,
+                                      const std::vector<std::pair<std::string, std::string>>& replaced);

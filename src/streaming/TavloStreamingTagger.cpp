@@ -1,7 +1,9 @@
 #include "tavlo/TavloStreamingTagger.h"
 
 #include <algorithm>
+#include <array>
 #include <exception>
+#include <span>
 #include <string_view>
 
 #include "agent/TavloAgent.h"
@@ -85,14 +87,65 @@ struct TavloStreamingTagger::Impl::HitEnvironment {
   TavloDate now = 0;
 };
 
-// A log line waiting for the lock to be released: through the logger, or, for the
-// parameter dump, straight to the log sink whatever the threshold. A fixed text is kept
-// as a pointer to it, not copied.
+// A log line waiting for the lock to be released, through the logger; or a parameter
+// dump, written straight to the log sink whatever the threshold. A fixed text is kept as
+// a pointer to it, not copied.
 struct TavloStreamingTagger::Impl::PendingLine {
   std::string text;
   int64_t mode = TavloLoggingModeInfo;
-  bool direct = false;
-  const char* fixedText = nullptr;  // when set, written instead of `text`
+  std::shared_ptr<ParameterDump> dump = nullptr;  // when set, written instead of a line
+  const char* fixedText = nullptr;      // when set, written instead of `text`
+};
+
+// The parameter dump of a hit handed over at once. Formatting it and writing three lines
+// (a write(2) each, to stderr) cost more than building the hit, on the application's own
+// thread; so the caller only notes which keys came after the dump's place, and the
+// agent's thread writes the dump when it takes the hit, before the hit is queued. A hit
+// dropped before it is taken still has its dump written, where it is dropped: the dump is
+// unconditional.
+class TavloStreamingTagger::Impl::ParameterDump {
+ public:
+  ParameterDump(std::shared_ptr<TavloLogSink> sink, bool useIDFA) : sink_(std::move(sink)), useIDFA_(useIDFA) {}
+  ~ParameterDump() { write(); }
+  ParameterDump(const ParameterDump&) = delete;
+  ParameterDump& operator=(const ParameterDump&) = delete;
+
+  // Puts a parameter added after the dump's place, noting what the dump must not show.
+  void add(TavloParameters& parameters, TavloString value, std::string_view key, std::size_t limit = 0) {
+    std::string earlier;
+    const bool given = value && !value->empty();
+    if (TavloAddHitParameter(parameters, key, std::move(value), limit, &earlier)) {
+      if (addedCount_ < added_.size()) added_[addedCount_++] = key;  // the keys are static texts
+    } else if (given) {
+      // Never with today's defaults; kept right all the same. The first value is the one shown.
+      if (std::none_of(replaced_.begin(), replaced_.end(), [&](const auto& entry) { return entry.first == key; })) {
+        replaced_.emplace_back(std::string(key), std::move(earlier));
+      }
+    }
+  }
+  // The finished dictionary, which the dump shows as it stood at its place.
+  void setParameters(std::shared_ptr<const TavloParameters> parameters) { parameters_ = std::move(parameters); }
+
+  // Writes the three lines, once; never mixed with another dump's, from any thread.
+  void write() {
+    if (!parameters_ || !sink_) return;
+    std::string text = useIDFA_ ? "1 " : "0 ";
+    TavloAppendParametersDescription(text, *parameters_, std::span(added_.data(), addedCount_), replaced_);
+    parameters_.reset();
+    static std::mutex oneAtATime;
+    std::lock_guard lock(oneAtATime);
+    sink_->writeLine(kDumpRule, TavloLogLevel::Info);
+    sink_->writeLine(text, TavloLogLevel::Info);
+    sink_->writeLine(kDumpRule, TavloLogLevel::Info);
+  }
+
+ private:
+  const std::shared_ptr<TavloLogSink> sink_;
+  const bool useIDFA_;
+  std::shared_ptr<const TavloParameters> parameters_;
+  std::array<std::string_view, 48> added_{};  // more than the keys a hit adds after the dump
+  std::size_t addedCount_ = 0;
+  std::vector<std::pair<std::string, std::string>> replaced_;
 };
 
 TavloStreamingTagger::Impl::Impl(Setup&& setup)
@@ -305,17 +358,20 @@ void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event, int64_t 
       if (makesHit) {
         // A hit handed over at once is made with its rank; a throttled one is ranked when
         // it is sent, if it is.
+        // A held hit's dump is written now: the hit may never be handed over.
         const bool throttled = accepted != TavloStreamingEventStop && lastSentRequest_;
-        const auto request = generateRequestLocked("state", accepted, environment, lines, throttled ? 0 : ++rank_);
+        std::shared_ptr<ParameterDump> dump;
+        const auto request = generateRequestLocked("state", accepted, environment, lines, throttled ? 0 : ++rank_,
+                                                   throttled ? nullptr : &dump);
         if (accepted == TavloStreamingEventStop) {
           request->setShouldRenewSessionAfter(true);
-          outbox_.push_back(request);
+          outbox_.push_back({request, std::move(dump)});
           resetTaggerLocked();
         } else if (throttled) {
-          lines.push_back({std::string(), TavloLoggingModeWarning, false, "TavloStreamingTagger - Throttle request"});
+          lines.push_back({std::string(), TavloLoggingModeWarning, nullptr, "TavloStreamingTagger - Throttle request"});
           lastThrottledRequest_ = request;
         } else {
-          outbox_.push_back(request);
+          outbox_.push_back({request, std::move(dump)});
           lastSentRequest_ = request;
           timerThrottle_ = armTimer(kThrottlePeriod, &Impl::handleThrottledEvent, false);
         }
@@ -377,9 +433,9 @@ bool TavloStreamingTagger::Impl::accessRefusesStreaming(TavloAgent& agent) const
   return cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeStreaming));
 }
 
-std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::generateRequestLocked(const char* eventType, uint64_t event,
-                                                                          HitEnvironment& environment,
-                                                                          PendingLines& lines, int64_t rank) {
+std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::generateRequestLocked(
+    const char* eventType, uint64_t event, HitEnvironment& environment, PendingLines& lines, int64_t rank,
+    std::shared_ptr<ParameterDump>* deferredDump) {
   TavloParameters parameters = std::move(environment.defaults);
   const std::size_t count = positions_.size();
   int64_t current = count >= 1 ? positions_.back() : 0;
@@ -399,39 +455,45 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::generateRequestLocked(
   addParam(environment.model, "cmsPL", parameters);
   if (environment.useIDFA) addParam(environment.did, "did", parameters);
 
-  std::string dump = environment.useIDFA ? "1 " : "0 ";
-  TavloAppendParametersDescription(dump, &parameters);
-  lines.push_back({std::string(), TavloLoggingModeInfo, true, kDumpRule});
-  lines.push_back({std::move(dump), TavloLoggingModeInfo, true});
-  lines.push_back({std::string(), TavloLoggingModeInfo, true, kDumpRule});
-
-  addParam(mediaProvider_, "dom", parameters);
-  addParam(mediaName_, "cmsSN", parameters);
-  addParam(mediaGenre_, "cmsGR", parameters);
-  addParam(mediaURL_, "cmsME", parameters);
+  // The dump shows the dictionary as it stands here, between "did" and "dom".
+  auto dump = std::make_shared<ParameterDump>(platform_.logSink ? platform_.logSink : TavloInstalledLogSink(),
+                                              environment.useIDFA);
+  const auto add = [&](TavloString value, std::string_view key, std::size_t limit = 0) {
+    dump->add(parameters, std::move(value), key, limit);
+  };
+  add(mediaProvider_, "dom");
+  add(mediaName_, "cmsSN");
+  add(mediaGenre_, "cmsGR");
+  add(mediaURL_, "cmsME");
   // Levels 1 and 3 cross over on purpose: the collection server reads "cmsS1" as the third.
-  addParam(level3_, "cmsS1", parameters);
-  addParam(level2_, "cmsS2", parameters);
-  addParam(level1_, "cmsS3", parameters);
-  addParam(level4_, "cmsS4", parameters);
-  addParam(level5_, "cmsS5", parameters);
+  add(level3_, "cmsS1");
+  add(level2_, "cmsS2");
+  add(level1_, "cmsS3");
+  add(level4_, "cmsS4");
+  add(level5_, "cmsS5");
   TavloHitProperties properties = owner_->state().hitProperties();
   TavloString theCustomerData = owner_->customerData();
   TavloForEachSharedHitParameter(properties, theCustomerData,
-                                 [&parameters](TavloString& value, const char* key, std::size_t limit) {
-                                   addParam(std::move(value), key, parameters, limit);
+                                 [&add](TavloString& value, const char* key, std::size_t limit) {
+                                   add(std::move(value), key, limit);
                                  });
   // What setTheRank would write, without copying the dictionary to write it.
-  if (rank > 0) parameters.insert_or_assign("cmsRK", std::to_string(rank));
+  if (rank > 0) add(std::to_string(rank), "cmsRK");
 
-  return TavloRequest::TavloRequestWithParameters(std::make_shared<const TavloParameters>(std::move(parameters)),
-                                                  TavloRequestTypeStreaming, currentModeLocked(), owner_->serial(),
-                                                  taggerID_, environment.now);
+  auto finished = std::make_shared<const TavloParameters>(std::move(parameters));
+  dump->setParameters(finished);
+  if (deferredDump != nullptr) {
+    *deferredDump = std::move(dump);
+  } else {
+    lines.push_back({std::string(), TavloLoggingModeInfo, std::move(dump)});
+  }
+  return TavloRequest::TavloRequestWithParameters(std::move(finished), TavloRequestTypeStreaming, currentModeLocked(),
+                                                  owner_->serial(), taggerID_, environment.now);
 }
 
 void TavloStreamingTagger::Impl::addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request) {
   request->setTheRank(++rank_);
-  outbox_.push_back(request);
+  outbox_.push_back({request, nullptr});
 }
 
 void TavloStreamingTagger::Impl::drainOutbox(TavloAgent& agent) {
@@ -441,17 +503,19 @@ void TavloStreamingTagger::Impl::drainOutbox(TavloAgent& agent) {
   if (draining_) return;
   draining_ = true;
   while (!outbox_.empty()) {
-    const std::shared_ptr<TavloRequest> request = std::move(outbox_.front());
+    OutboxEntry entry = std::move(outbox_.front());
     outbox_.pop_front();
     lock.unlock();
-    // The hit's dictionary is copied by the agent's handler before it is queued: this
+    // The hit's dictionary is copied by the agent's thread before it is queued: this
     // thread's memory comes back to it at once instead of waiting in the queue.
-    if (!agent.refusesOversized(*request)) {
-      agent.addRequestMadeByHandler([request](TavloAgent&) {
+    if (!agent.refusesOversized(*entry.request)) {
+      agent.addRequestMadeByHandler([request = entry.request, dump = std::move(entry.dump)](TavloAgent&) {
+        if (dump) dump->write();
         request->copyParametersOnThisThread();
         return request;
-      }, request->serial(), TavloRequestTypeStreaming);
+      }, entry.request->serial(), TavloRequestTypeStreaming);
     }
+    entry = {};  // an oversized hit's dump is written here
     lock.lock();
   }
   draining_ = false;
@@ -471,11 +535,10 @@ void TavloStreamingTagger::Impl::resetTaggerLocked() {
 
 void TavloStreamingTagger::Impl::emit(const PendingLines& lines) const {
   for (const PendingLine& line : lines) {
-    const std::string_view text = line.fixedText ? std::string_view(line.fixedText) : std::string_view(line.text);
-    if (!line.direct) {
-      log(text, line.mode);
+    if (line.dump) {
+      line.dump->write();
     } else {
-      (platform_.logSink ? platform_.logSink : TavloInstalledLogSink())->writeLine(text, TavloLogLevel::Info);
+      log(line.fixedText ? std::string_view(line.fixedText) : std::string_view(line.text), line.mode);
     }
   }
 }
@@ -543,7 +606,9 @@ void TavloStreamingTagger::Impl::poll(const std::shared_ptr<TavloTimer>& timer) 
                        TavloLoggingModeInfo});
     }
     // A poll during a pause carries the pause's code: the server sees the medium paused.
-    outbox_.push_back(generateRequestLocked("polling", lastEvent_, environment, lines, ++rank_));
+    std::shared_ptr<ParameterDump> dump;
+    auto request = generateRequestLocked("polling", lastEvent_, environment, lines, ++rank_, &dump);
+    outbox_.push_back({std::move(request), std::move(dump)});
   }
   emit(lines);
   drainOutbox(*agent);
@@ -564,7 +629,7 @@ void TavloStreamingTagger::Impl::handleThrottledEvent(const std::shared_ptr<Tavl
       // A burst that ends in the state already reported adds nothing.
       if (code(lastThrottledRequest_) != code(lastSentRequest_)) {
         lines.push_back(
-            {std::string(), TavloLoggingModeWarning, false, "TavloStreamingTagger - Throttled request sent"});
+            {std::string(), TavloLoggingModeWarning, nullptr, "TavloStreamingTagger - Throttled request sent"});
         addRequestToAgentLocked(lastThrottledRequest_);
       }
     }

@@ -54,6 +54,13 @@ class TavloStreamingTagger::Impl {
   struct HitEnvironment;
   struct PendingLine;
   using PendingLines = std::vector<PendingLine>;
+  class ParameterDump;
+  // A ranked hit waiting to be handed over, with its parameter dump when the agent's
+  // thread is to write it.
+  struct OutboxEntry {
+    std::shared_ptr<TavloRequest> request;
+    std::shared_ptr<ParameterDump> dump;
+  };
 
   // A tagger that never sends, for unusable arguments.
   static std::shared_ptr<TavloStreamingTagger> rejected(const std::shared_ptr<TavloAgent>& agent, const char* message);
@@ -83,10 +90,12 @@ class TavloStreamingTagger::Impl {
   TavloSendingMode currentModeLocked() const;
   uint64_t TavloStreamingEventToIntegerValueLocked(uint64_t event) const;
   // Takes the defaults out of `environment`: each environment makes one hit. A `rank`
-  // above 0 is written into the hit as "cmsRK", as addRequestToAgentLocked would.
+  // above 0 is written into the hit as "cmsRK", as addRequestToAgentLocked would. The
+  // parameter dump goes to `lines`, or, given `deferredDump`, to a dump the agent's thread
+  // writes when it takes the hit (for a hit handed over at once).
   std::shared_ptr<TavloRequest> generateRequestLocked(const char* eventType, uint64_t event,
-                                                      HitEnvironment& environment, PendingLines& lines,
-                                                      int64_t rank);
+                                                      HitEnvironment& environment, PendingLines& lines, int64_t rank,
+                                                      std::shared_ptr<ParameterDump>* deferredDump = nullptr);
   // Ranks `request` and puts it in the outbox.
   void addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request);
   void recordPositionLocked(int64_t position);
@@ -132,7 +141,7 @@ class TavloStreamingTagger::Impl {
   std::shared_ptr<TavloRequest> lastSentRequest_;         // guarded by stateProtector
   std::shared_ptr<TavloRequest> lastThrottledRequest_;    // guarded by stateProtector
   std::shared_ptr<TavloTimer> timerThrottle_;             // guarded by stateProtector
-  std::deque<std::shared_ptr<TavloRequest>> outbox_;      // guarded by stateProtector; ranked, not handed over yet
+  std::deque<OutboxEntry> outbox_;                        // guarded by stateProtector; ranked, not handed over yet
   bool draining_ = false;                                 // guarded by stateProtector
 };
 

@@ -16,12 +16,17 @@
 /// left out, so it never removes or overwrites a default; a non-zero `limit` cuts the
 /// value to its first `limit` UTF-16 code units, as the collection server's other clients
 /// count them. The value is taken by value so that a temporary moves into the dictionary
-/// instead of being copied: hits are built on the application's thread.
-inline void TavloAddHitParameter(TavloParameters& dictionary, std::string_view key, TavloString value,
-                                 std::size_t limit = 0) {
-  if (!value || value->empty() || key.empty()) return;
+/// instead of being copied: hits are built on the application's thread. Returns whether
+/// the key is new to the dictionary; when it replaced a value, that value goes to
+/// `replaced` (if given).
+inline bool TavloAddHitParameter(TavloParameters& dictionary, std::string_view key, TavloString value,
+                                 std::size_t limit = 0, std::string* replaced = nullptr) {
+  if (!value || value->empty() || key.empty()) return false;
   if (limit != 0 && TavloUTF16Length(*value) > limit) *value = TavloUTF16Prefix(*value, limit);
-  dictionary.insert_or_assign(std::string(key), std::move(*value));
+  const auto [entry, added] = dictionary.try_emplace(std::string(key));
+  if (!added && replaced != nullptr) *replaced = std::move(entry->second);
+  entry->second = std::move(*value);
+  return added;
 }
 
 /// The longest free level or media descriptor a hit carries, in UTF-16 code units.

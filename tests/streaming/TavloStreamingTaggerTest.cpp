@@ -134,19 +134,45 @@ TEST_F(TavloStreamingTaggerTest, AHitCarriesTheDefaultsAndTheStreamingSetWithThe
   EXPECT_EQ(0u, test.http->lastRequest().url.find("http://collect.test/m/web/123?")) << "live: the access's host";
 }
 
-TEST_F(TavloStreamingTaggerTest, TheParameterDumpIsWrittenWhateverTheThreshold) {
-  const auto t = tagger();
-  t->setLoggingMode(3);  // silences the logger
-  test.logSink->clear();
-  t->notifyEvent(TavloStreamingEventPlay, 4);
-  settle();
-  const auto lines = test.logSink->lines();
-  ASSERT_EQ(3u, lines.size());
-  EXPECT_EQ("------------------------------", lines[0]);
-  EXPECT_EQ(0u, lines[1].find("0 {\n")) << lines[1];
-  EXPECT_NE(std::string::npos, lines[1].find("    cmsPO = 4;\n")) << lines[1];
-  EXPECT_EQ(std::string::npos, lines[1].find("cmsSN")) << "the dump shows what was built up to \"did\"";
-  EXPECT_EQ("------------------------------", lines[2]);
+TEST_F(TavloStreamingTaggerTest, EveryHitsParameterDumpIsWrittenWhateverTheThresholdAndWhereverTheHitEnds) {
+  // The dump shows the dictionary as built up to "did": never what comes after ("cmsSN",
+  // the rank). A hit handed over at once has it written by the agent's thread, a held one
+  // at the event, and a hit the agent drops before taking it where it is dropped.
+  struct Case {
+    const char* name;
+    std::vector<TavloStreamingEvent> events;  // within one second
+    bool shutDownFirst;
+    Strings positions;  // "cmsPO" of each dump, in order
+  };
+  const Case cases[] = {
+      {"handed over at once", {TavloStreamingEventPlay}, false, {"4"}},
+      {"held by the throttle, then dropped as a repeat of the state sent",
+       {TavloStreamingEventPlay, TavloStreamingEventPause, TavloStreamingEventPlay}, false, {"4", "4", "4"}},
+      {"dropped by an agent shut down", {TavloStreamingEventPlay}, true, {"4"}},
+  };
+  for (const Case& c : cases) {
+    const auto t = tagger();
+    t->setLoggingMode(3);  // silences the logger
+    if (c.shutDownFirst) agent->shutdown();
+    test.logSink->clear();
+    for (const auto event : c.events) t->notifyEvent(event, 4);
+    advanceTo(test.mainQueue->elapsed() + 2);
+    if (!c.shutDownFirst) settle();
+    const auto lines = test.logSink->lines();
+    ASSERT_EQ(3 * c.positions.size(), lines.size()) << c.name;
+    for (size_t dump = 0; dump < c.positions.size(); ++dump) {
+      const std::string& text = lines[3 * dump + 1];
+      EXPECT_EQ("------------------------------", lines[3 * dump]) << c.name;
+      EXPECT_EQ(0u, text.find("0 {\n")) << c.name << ": " << text;
+      EXPECT_NE(std::string::npos, text.find("    cmsPO = " + c.positions[dump] + ";\n")) << c.name << ": " << text;
+      EXPECT_EQ(std::string::npos, text.find("cmsSN")) << c.name << ": " << text;
+      EXPECT_EQ(std::string::npos, text.find("cmsRK")) << c.name << ": " << text;
+      EXPECT_EQ("------------------------------", lines[3 * dump + 2]) << c.name;
+    }
+    t->notifyEvent(TavloStreamingEventStop);
+    if (c.shutDownFirst) startAgent();
+    settle();  // the stop's dump is written before the next case looks
+  }
 }
 
 // A tagger's error lines and parameter dumps go where its agent's lines go: to the sink of
