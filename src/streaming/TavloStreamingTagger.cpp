@@ -143,7 +143,7 @@ class TavloStreamingTagger::Impl::ParameterDump {
   const std::shared_ptr<TavloLogSink> sink_;
   const bool useIDFA_;
   std::shared_ptr<const TavloParameters> parameters_;
-  std::array<std::string_view, 48> added_{};  // more than the keys a hit adds after the dump
+  std::array<std::string_view, 32> added_;  // more than the 27 keys a hit adds after the dump
   std::size_t addedCount_ = 0;
   std::vector<std::pair<std::string, std::string>> replaced_;
 };
