@@ -94,7 +94,7 @@ struct TavloStreamingTagger::Impl::PendingLine {
   std::string text;
   int64_t mode = TavloLoggingModeInfo;
   std::shared_ptr<ParameterDump> dump = nullptr;  // when set, written instead of a line
-  const char* fixedText = nullptr;      // when set, written instead of `text`
+  const char* fixedText = nullptr;                // when set, written instead of `text`
 };
 
 // The parameter dump of a hit handed over at once. Formatting it and writing three lines
@@ -356,9 +356,9 @@ void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event, int64_t 
       if (position != TavloStreamingTaggerUnknownLocation) recordPositionLocked(position);
       const bool makesHit = accepted != TavloStreamingEventPlay || currentModeLocked() == TavloSendingModeLive;
       if (makesHit) {
-        // A hit handed over at once is made with its rank; a throttled one is ranked when
-        // it is sent, if it is.
-        // A held hit's dump is written now: the hit may never be handed over.
+        // A hit handed over at once is made with its rank, and the agent's thread writes its
+        // dump; a throttled one is ranked when it is sent, if it is, and its dump is written
+        // now, since it may never be handed over.
         const bool throttled = accepted != TavloStreamingEventStop && lastSentRequest_;
         std::shared_ptr<ParameterDump> dump;
         const auto request = generateRequestLocked("state", accepted, environment, lines, throttled ? 0 : ++rank_,
@@ -473,10 +473,9 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::generateRequestLocked(
   add(level5_, "cmsS5");
   TavloHitProperties properties = owner_->state().hitProperties();
   TavloString theCustomerData = owner_->customerData();
-  TavloForEachSharedHitParameter(properties, theCustomerData,
-                                 [&add](TavloString& value, const char* key, std::size_t limit) {
-                                   add(std::move(value), key, limit);
-                                 });
+  TavloForEachSharedHitParameter(
+      properties, theCustomerData,
+      [&add](TavloString& value, const char* key, std::size_t limit) { add(std::move(value), key, limit); });
   // What setTheRank would write, without copying the dictionary to write it.
   if (rank > 0) add(std::to_string(rank), "cmsRK");
 
@@ -509,11 +508,13 @@ void TavloStreamingTagger::Impl::drainOutbox(TavloAgent& agent) {
     // The hit's dictionary is copied by the agent's thread before it is queued: this
     // thread's memory comes back to it at once instead of waiting in the queue.
     if (!agent.refusesOversized(*entry.request)) {
-      agent.addRequestMadeByHandler([request = entry.request, dump = std::move(entry.dump)](TavloAgent&) {
-        if (dump) dump->write();
-        request->copyParametersOnThisThread();
-        return request;
-      }, entry.request->serial(), TavloRequestTypeStreaming);
+      agent.addRequestMadeByHandler(
+          [request = entry.request, dump = std::move(entry.dump)](TavloAgent&) {
+            if (dump) dump->write();
+            request->copyParametersOnThisThread();
+            return request;
+          },
+          entry.request->serial(), TavloRequestTypeStreaming);
     }
     entry = {};  // an oversized hit's dump is written here
     lock.lock();

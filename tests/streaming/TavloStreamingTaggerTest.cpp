@@ -147,7 +147,9 @@ TEST_F(TavloStreamingTaggerTest, EveryHitsParameterDumpIsWrittenWhateverTheThres
   const Case cases[] = {
       {"handed over at once", {TavloStreamingEventPlay}, false, {"4"}},
       {"held by the throttle, then dropped as a repeat of the state sent",
-       {TavloStreamingEventPlay, TavloStreamingEventPause, TavloStreamingEventPlay}, false, {"4", "4", "4"}},
+       {TavloStreamingEventPlay, TavloStreamingEventPause, TavloStreamingEventPlay},
+       false,
+       {"4", "4", "4"}},
       {"dropped by an agent shut down", {TavloStreamingEventPlay}, true, {"4"}},
   };
   for (const Case& c : cases) {
