@@ -10,11 +10,12 @@
 
 #include "TavloJsonWriter.h"
 #include "TavloToolText.h"
-#include "auth/TavloAuth.h"
+#include "agent/TavloSentJournal.h"
 #include "archive/TavloKeyedUnarchiver.h"
+#include "auth/TavloAuth.h"
+#include "identity/TavloTaggerID.h"
 #include "request/TavloRecordClasses.h"
 #include "request/TavloRequest.h"
-#include "identity/TavloTaggerID.h"
 
 namespace {
 
@@ -302,7 +303,7 @@ TavloQueueReport TavloQueueReport::fromFile(const std::string& path) {
   }
   if (data.size() > limit) return tooLarge(data.size());
   TavloQueueReport report = fromData(data);
-  report.fileBytes_ = std::move(data);
+  report.fileFingerprint_ = TavloSentJournal::fingerprint(data);
   return report;
 }
 

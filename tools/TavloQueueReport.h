@@ -1,6 +1,7 @@
 // What a queue file holds, and what is wrong with it, as tavlo-queue reports it.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -35,9 +36,10 @@ class TavloQueueReport {
   bool isValid() const { return readable_ && problems_.empty(); }
   /// Every problem found, one sentence each; empty for a sound file.
   const std::vector<std::string>& problems() const { return problems_; }
-  /// The bytes `fromFile` read (empty for `fromData` and for an unreadable file), so that
-  /// what sits beside the file can be matched to them without reading the file again.
-  const std::string& fileBytes() const { return fileBytes_; }
+  /// The fingerprint (TavloSentJournal's) of the bytes `fromFile` read, so that the
+  /// journal beside the file can be matched to them without reading the file again; 0
+  /// for `fromData` and for an unreadable file.
+  uint64_t fileFingerprint() const { return fileFingerprint_; }
   /// The decoded elements, in queue order.
   const std::vector<std::shared_ptr<TavloCodable>>& elements() const { return elements_; }
 
@@ -55,5 +57,5 @@ class TavloQueueReport {
   bool readable_ = false;
   std::vector<std::string> problems_;
   std::vector<std::shared_ptr<TavloCodable>> elements_;
-  std::string fileBytes_;
+  uint64_t fileFingerprint_ = 0;
 };

@@ -74,8 +74,8 @@ void reportProblems(const std::string& file, const TavloQueueReport& report) {
 void reportSentJournal(TavloPosixFileSystem& files, const std::string& file, const TavloQueueReport& report) {
   std::string journal;
   if (!report.isReadable() || files.readFile(TavloSentJournal::pathFor(file), journal, 64 * 1024 * 1024)) return;
-  const std::vector<uint32_t> sent = TavloSentJournal::sentPositions(
-      journal, TavloSentJournal::fingerprint(report.fileBytes()), report.elements().size());
+  const std::vector<uint32_t> sent =
+      TavloSentJournal::sentPositions(journal, report.fileFingerprint(), report.elements().size());
   if (sent.empty()) return;
   std::string positions;
   for (const uint32_t position : sent) positions += (positions.empty() ? "#" : ", #") + std::to_string(position);

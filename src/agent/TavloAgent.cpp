@@ -297,9 +297,9 @@ void TavloAgent::persistLocked() {
   {
     std::lock_guard lock(requestsProtector);
     if (queuePath_.empty() || changeCount_ == savedChangeCount_) return;
-    const bool deferred = std::exchange(deferredSave_, false);
-    if (deferred && requestQueue.empty() && fileHoldsNoQueuedRequest()) {
-      // The hit that was not written went out: the file already says what the queue says.
+    if (requestQueue.empty() && fileHoldsNoQueuedRequest()) {
+      // The file (with its journal) already says what the queue says: nothing is left,
+      // as after a lone hit that went out before it was ever written.
       attemptedChangeCount_ = savedChangeCount_ = changeCount_;
       return;
     }
@@ -474,6 +474,13 @@ bool TavloAgent::handOver(HandOver item) {
   return true;
 }
 
+void TavloAgent::takeOnHandler() {
+  std::weak_ptr<TavloAgent> weak = weak_from_this();
+  requestHandler.async([weak] {
+    if (auto agent = weak.lock()) agent->takeHandOver();
+  });
+}
+
 void TavloAgent::scheduleTake() {
   bool loopTakes = false;
   {
@@ -488,12 +495,9 @@ void TavloAgent::scheduleTake() {
   }
   if (loopTakes) {
     requestsCondition.notify_all();
-    return;
+  } else {
+    takeOnHandler();
   }
-  std::weak_ptr<TavloAgent> weak = weak_from_this();
-  requestHandler.async([weak] {
-    if (auto agent = weak.lock()) agent->takeHandOver();
-  });
 }
 
 void TavloAgent::takeHandOver(size_t maximumBatches) {
@@ -596,12 +600,7 @@ void TavloAgent::takeHandOver(size_t maximumBatches) {
   // What was handed over before each barrier is now in the queue and the file.
   for (const auto& barrier : barriers) barrier->set_value();
   ledger_.deliver();
-  if (more) {
-    std::weak_ptr<TavloAgent> weak = weak_from_this();
-    requestHandler.async([weak] {
-      if (auto agent = weak.lock()) agent->takeHandOver();
-    });
-  }
+  if (more) takeOnHandler();
 }
 
 void TavloAgent::persistUnlessGoingOutNow() {
@@ -613,10 +612,7 @@ void TavloAgent::persistUnlessGoingOutNow() {
     // cost two syncs of the storage and a rewrite, each waking the agent, for every
     // polling hit of a playing medium. If its first attempt does not deliver it, the loop
     // writes it when it goes idle; shutdown writes it too.
-    if (fileHoldsNoQueuedRequest() && requestQueue.size() == 1 && !stopping_ && headIsSendable()) {
-      deferredSave_ = true;
-      return;
-    }
+    if (fileHoldsNoQueuedRequest() && requestQueue.size() == 1 && !stopping_ && headIsSendable()) return;
   }
   persistLocked();
 }

@@ -302,6 +302,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   /// Makes sure one thread takes the hand-over: the send loop when it sleeps with nothing
   /// to send, else "TavloRequestHandler". REQUIRES: no lock of the agent held.
   void scheduleTake();
+  /// Has "TavloRequestHandler" take the hand-over (what scheduleTake falls back to).
+  void takeOnHandler();
   /// Takes what waits in the hand-over into the queue, up to `maximumBatches` batches,
   /// then writes the file; what is left goes on on "TavloRequestHandler".
   void takeHandOver(size_t maximumBatches = SIZE_MAX);
@@ -385,7 +387,6 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::string queuePath_;                                 // guarded by requestsProtector; empty: memory only
   uint64_t changeCount_ = 0;                              // guarded by requestsProtector
   uint64_t attemptedChangeCount_ = 0;                     // guarded by requestsProtector
-  bool deferredSave_ = false;  // guarded by requestsProtector: a lone hit went to the loop unwritten
 
   std::mutex queueLengthProtector;
   std::condition_variable queueLengthChanged;  // signalled under queueLengthProtector
