@@ -341,6 +341,7 @@ void TavloAgent::persistLocked() {
   savedFingerprint_ = TavloSentJournal::fingerprint(bytes);
   // The file now says everything the journal said: a journal left behind by a crash
   // right here is another file's, and ignored.
+  journal_.reset();
   if (journalMayExist_) {
     platform_.files->removeFile(TavloSentJournal::pathFor(path));
     journalMayExist_ = false;
@@ -370,8 +371,11 @@ void TavloAgent::journalRemoval(const TavloRequest* removed) {
   journalMayExist_ = true;
   const std::string bytes =
       (fresh ? TavloSentJournal::header(savedFingerprint_) : std::string()) + TavloSentJournal::entry(position);
-  if (platform_.files->appendToFile(TavloSentJournal::pathFor(path), bytes, 0600)) {
+  std::error_code error;
+  if (!journal_) journal_ = platform_.files->openForAppending(TavloSentJournal::pathFor(path), 0600, error);
+  if (!journal_ || journal_->append(bytes)) {
     // The journal may now be torn: the whole file, written afresh, replaces it.
+    journal_.reset();
     {
       std::lock_guard lock(requestsProtector);
       ++changeCount_;
@@ -903,7 +907,7 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
     log("ShouldRenewSession", TavloLoggingModeInfo);
   }
 
-  const TavloString url = request->url(reachability_->currentReachabilityStatus(),
+  TavloString url = request->url(reachability_->currentReachabilityStatus(),
                                        timeIntervalBetweenServerAndDevice(), platform_.endpoints);
   const auto invalidParameters = [&] {
     outcome.kind = Outcome::InvalidURL;
@@ -914,7 +918,7 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
   if (!url) return invalidParameters();
   TavloHttpResponse response;
   try {
-    response = platform_.httpClient->get(TavloHttpRequest{*url, {{"User-Agent", userAgent()}}, kSendTimeout});
+    response = platform_.httpClient->get(TavloHttpRequest{std::move(*url), {{"User-Agent", userAgent()}}, kSendTimeout});
   } catch (const std::exception& failure) {
     // An HTTP client of the application's that throws must not end the send loop: the
     // attempt counts as one that got no answer.

@@ -367,6 +367,8 @@ class TavloAgent : public std::enable_shared_from_this<TavloAgent> {
   std::vector<bool> journaled_;                  // guarded by fileWriter; by position
   uint64_t savedFingerprint_ = 0;                // guarded by fileWriter
   bool journalMayExist_ = false;                 // guarded by fileWriter
+  // The journal, held open between two rewrites of the file: one write per hit sent.
+  std::unique_ptr<TavloFileSystem::Appender> journal_;  // guarded by fileWriter
   /// What a save leaves for the next: most of the queue is saved again unchanged.
   TavloArchiveCache archiveCache_;               // guarded by fileWriter
 

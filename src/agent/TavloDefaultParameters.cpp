@@ -58,6 +58,11 @@ TavloParameters TavloDefaultParameters::defaultParametersWith(HitDraw draw) {
   return parameters;
 }
 
+const std::string& TavloDefaultParameters::userAgent() {
+  std::call_once(userAgentMade_, [this] { userAgent_ = TavloUserAgentOf(*deviceInfo_); });
+  return userAgent_;
+}
+
 TavloString TavloDefaultParameters::appleDID() {
   if (!advertisingIdProvider_) {
     TavloLogger::logTo(logSink_.get(), "Can't get did", TavloLoggingModeInfo);

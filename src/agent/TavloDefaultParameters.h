@@ -48,8 +48,9 @@ class TavloDefaultParameters {
   TavloParameters defaultParametersWith(HitDraw draw);
 
   /// "<bundle name>/<bundle version> Tavlo SDK v<version> apple <tv|ipad|iphone>", with
-  /// "(null)" standing for a missing name or version (TavloUserAgentOf).
-  std::string userAgent() { return TavloUserAgentOf(*deviceInfo_); }
+  /// "(null)" standing for a missing name or version (TavloUserAgentOf). Made once, on
+  /// first use, like the device facts: every hit sent carries it.
+  const std::string& userAgent();
 
   /// The advertising identifier as an upper-case UUID text, or nil with the information
   /// line "Can't get did" when no provider is registered.
@@ -69,4 +70,6 @@ class TavloDefaultParameters {
   TavloQLVRUUIDHandler uuidHandler_;
   std::once_flag deviceFactsMade_;
   TavloParameters deviceFacts_;  // written once under deviceFactsMade_, read-only after
+  std::once_flag userAgentMade_;
+  std::string userAgent_;  // written once under userAgentMade_, read-only after
 };

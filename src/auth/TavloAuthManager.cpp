@@ -86,10 +86,12 @@ std::shared_ptr<TavloAuth> TavloAuthManager::authForTagger(const TavloTaggerID& 
 
 void TavloAuthManager::hitSuccessfullySentForTagger(const TavloTaggerID& tagger) {
   const std::shared_ptr<TavloAuth> cached = authFromCacheForKey(tagger);
-  std::shared_ptr<TavloSession> session = cached ? cached->currentSession() : nullptr;
   std::shared_ptr<TavloAccess> access = cached ? cached->currentAccess() : nullptr;
   if (access) access->hitSuccessfullySent();
-  setAuthToCache(TavloAuth::TavloAuthWithSession(session, access, cached && cached->isDefaultValues()), tagger);
+  // The cached authorisation shares its access with the copy: it is marked already, and
+  // an authorisation put in the cache meanwhile must not be replaced by this older one.
+  if (cached) return;
+  setAuthToCache(TavloAuth::TavloAuthWithSession(nullptr, nullptr, false), tagger);
 }
 
 void TavloAuthManager::authentificationInformationForTagger(const TavloTaggerID& tagger) {

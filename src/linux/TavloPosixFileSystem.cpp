@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -40,6 +41,14 @@ class Descriptor {
   ~Descriptor() { close(); }
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : value(std::exchange(other.value, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+      close();
+      value = std::exchange(other.value, -1);
+    }
+    return *this;
+  }
   int get() const { return value; }
   bool isOpen() const { return value >= 0; }
   std::error_code close() {
@@ -211,17 +220,44 @@ std::error_code TavloPosixFileSystem::writeFileAtomically(const std::string& pat
   return syncFolder(parentOf(path));
 }
 
-std::error_code TavloPosixFileSystem::appendToFile(const std::string& path, std::string_view contents, unsigned mode) {
-  Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY,
-                         static_cast<mode_t>(mode & 07777)));
+namespace {
+// A regular file opened for appending, never through a link planted at its name.
+std::error_code openForAppend(const std::string& path, unsigned mode, Descriptor& file) {
+  file = Descriptor(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY,
+                           static_cast<mode_t>(mode & 07777)));
   if (!file.isOpen()) return lastError();
   struct stat status {};
   if (::fstat(file.get(), &status) != 0) return lastError();
   if (!S_ISREG(status.st_mode)) return errorOf(std::errc::invalid_argument);
+  return {};
+}
+
+class DescriptorAppender final : public TavloFileSystem::Appender {
+ public:
+  explicit DescriptorAppender(Descriptor&& file) : file_(std::move(file)) {}
   // No fdatasync: once write() returns, the page cache holds the bytes for any other
   // process and outlives this one. Syncing every append cost a flash write per hit sent.
+  std::error_code append(std::string_view contents) override { return writeAll(file_.get(), contents); }
+
+ private:
+  Descriptor file_;
+};
+}  // namespace
+
+std::error_code TavloPosixFileSystem::appendToFile(const std::string& path, std::string_view contents, unsigned mode) {
+  Descriptor file(-1);
+  if (auto error = openForAppend(path, mode, file)) return error;
   if (auto error = writeAll(file.get(), contents)) return error;
   return file.close();
+}
+
+std::unique_ptr<TavloFileSystem::Appender> TavloPosixFileSystem::openForAppending(const std::string& path,
+                                                                                  unsigned mode,
+                                                                                  std::error_code& error) {
+  Descriptor file(-1);
+  error = openForAppend(path, mode, file);
+  if (error) return nullptr;
+  return std::make_unique<DescriptorAppender>(std::move(file));
 }
 
 std::error_code TavloPosixFileSystem::removeFile(const std::string& path) {

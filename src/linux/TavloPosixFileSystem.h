@@ -34,9 +34,11 @@ class TavloPosixFileSystem : public TavloFileSystem {
   /// On failure the temporary file is removed and `path` is left as it was.
   std::error_code writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode) override;
 
-  /// O_APPEND, then fdatasync; a file this call creates also has its folder flushed. A
-  /// symbolic link at `path` is refused.
+  /// O_APPEND, without a sync: once write(2) returns, the bytes outlive the process. A
+  /// symbolic link at `path`, or anything but a regular file, is refused.
   std::error_code appendToFile(const std::string& path, std::string_view contents, unsigned mode) override;
+  /// The same, on one descriptor kept open until the appender is destroyed.
+  std::unique_ptr<Appender> openForAppending(const std::string& path, unsigned mode, std::error_code& error) override;
 
   std::error_code removeFile(const std::string& path) override;
   /// Removes the ".<name>.tmp-<pid>-<n>" files next to `path`.

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
 #include <set>
 
 #include "linux/TavloPosixFileSystem.h"
@@ -83,7 +84,63 @@ TEST_F(TavloPosixFileSystemTest, NeitherTheLockNorAnAppendFollowsALinkPlantedAtI
   EXPECT_FALSE(files.tryLockFile(at("planted.lock"), error));
   EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
   EXPECT_EQ(files.appendToFile(at("planted.sent"), "entry", 0600), std::errc::too_many_symbolic_link_levels);
+  EXPECT_FALSE(files.openForAppending(at("planted.sent"), 0600, error));
+  EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
   EXPECT_FALSE(std::filesystem::exists(at("target"))) << "a link's target must not be created";
+}
+
+// A platform that only knows how to append by path: it gets the default appender.
+class TavloAppendByPathOnly : public TavloFileSystem {
+ public:
+  explicit TavloAppendByPathOnly(TavloPosixFileSystem& files) : files(files) {}
+  std::string dataDirectory() override { return files.dataDirectory(); }
+  std::error_code createDirectories(const std::string& path, unsigned mode) override {
+    return files.createDirectories(path, mode);
+  }
+  std::error_code readFile(const std::string& path, std::string& contents, std::size_t maxBytes) override {
+    return files.readFile(path, contents, maxBytes);
+  }
+  std::error_code writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode) override {
+    return files.writeFileAtomically(path, contents, mode);
+  }
+  std::error_code removeFile(const std::string& path) override { return files.removeFile(path); }
+
+ private:
+  TavloPosixFileSystem& files;
+};
+
+TEST_F(TavloPosixFileSystemTest, AppendsLandAtTheEndWhetherMadeByPathOrThroughAnAppender) {
+  TavloAppendByPathOnly byPathOnly(files);
+  const std::pair<const char*, std::function<void(const std::string&)>> ways[] = {
+      {"by path",
+       [&](const std::string& path) {
+         for (const char* part : {"ab", "cd"}) ASSERT_FALSE(files.appendToFile(path, part, 0600));
+       }},
+      {"through the descriptor kept open",
+       [&](const std::string& path) {
+         std::error_code error;
+         const auto appender = files.openForAppending(path, 0600, error);
+         ASSERT_TRUE(appender) << error.message();
+         for (const char* part : {"ab", "cd"}) ASSERT_FALSE(appender->append(part));
+       }},
+      {"through the default appender",
+       [&](const std::string& path) {
+         std::error_code error;
+         const auto appender = byPathOnly.openForAppending(path, 0600, error);
+         ASSERT_TRUE(appender) << error.message();
+         for (const char* part : {"ab", "cd"}) ASSERT_FALSE(appender->append(part));
+       }},
+  };
+  for (const auto& [way, append] : ways) {
+    const std::string existing = std::string("existing ") + way, fresh = std::string("fresh ") + way;
+    directory.writeFile(existing, "x");
+    append(at(existing));
+    append(at(fresh));
+    std::string contents;
+    EXPECT_TRUE(!files.readFile(at(existing), contents, 100) && contents == "xabcd") << way << ": " << contents;
+    EXPECT_TRUE(!files.readFile(at(fresh), contents, 100) && contents == "abcd") << way << ": " << contents;
+    EXPECT_EQ(0600u, modeOf(fresh)) << way;
+  }
 }
 
 }  // namespace

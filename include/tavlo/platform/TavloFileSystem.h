@@ -48,6 +48,33 @@ class TAVLO_EXPORT TavloFileSystem {
     return writeFileAtomically(path, whole, mode);
   }
 
+  /// A file held open for a series of appends; destroying it closes the file.
+  class Appender {
+   public:
+    virtual ~Appender() = default;
+    /// Appends `contents` with the guarantees of `appendToFile`.
+    virtual std::error_code append(std::string_view contents) = 0;
+  };
+  /// Opens the file at `path` (made with `mode` if missing) for a caller that appends to
+  /// it many times over: one open for the whole series instead of one per append. The
+  /// caller drops the appender before it replaces or removes the file. Nothing, with
+  /// `error` set, when the file cannot be opened. The default needs nothing new from a
+  /// platform: each append goes through `appendToFile`. A platform that can keep the
+  /// file open should.
+  virtual std::unique_ptr<Appender> openForAppending(const std::string& path, unsigned mode, std::error_code& error) {
+    class ByPath final : public Appender {
+     public:
+      ByPath(TavloFileSystem& files, std::string path, unsigned mode) : files_(files), path_(std::move(path)), mode_(mode) {}
+      std::error_code append(std::string_view contents) override { return files_.appendToFile(path_, contents, mode_); }
+
+     private:
+      TavloFileSystem& files_;
+      const std::string path_;
+      const unsigned mode_;
+    };
+    error.clear();
+    return std::make_unique<ByPath>(*this, path, mode);
+  }
   /// Removes the file; a missing file is std::errc::no_such_file_or_directory.
   virtual std::error_code removeFile(const std::string& path) = 0;
 
