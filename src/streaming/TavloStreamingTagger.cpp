@@ -79,12 +79,45 @@ struct TavloStreamingTagger::Impl::Setup {
   bool canSend = false;
 };
 
+// What a hit takes from outside the tagger when it happens: its draw of "n" and "uid",
+// the advertising identifier, the time.
 struct TavloStreamingTagger::Impl::HitEnvironment {
-  TavloParameters defaults;  // this hit's own copy, which the hit's dictionary grows from
-  std::string model;
+  TavloDefaultParameters::HitDraw draw;
   bool useIDFA = false;
   TavloString did;
   TavloDate now = 0;
+};
+
+// What every hit of a tagger carries unchanged, shared by all its recipes.
+struct TavloStreamingTagger::Impl::HitConstants {
+  TavloString level1, level2, level3, level4, level5;
+  TavloString serial;
+  TavloString customerData;
+  std::shared_ptr<TavloTaggerID> taggerID;
+  std::shared_ptr<TavloDeviceInfo> deviceInfo;
+  std::shared_ptr<TavloLogSink> logSink;  // the platform's; none: the installed one
+};
+
+// A hit as its event found the tagger: everything its dictionary is built from. The
+// application's thread only fills this in; the dictionary is built on the agent's thread
+// (makeHit), so that thread, not the application's, takes and frees its memory. A recipe
+// dropped unmade (an agent that refused the hand-over) is made where it is dropped, for
+// its dump, which is unconditional.
+struct TavloStreamingTagger::Impl::HitRecipe {
+  std::shared_ptr<const HitConstants> constants;
+  const char* eventType = "";  // a static text
+  int64_t current = 0;         // "cmsPO"
+  int64_t previous = 0;        // "cmsOP"
+  uint64_t code = 0;           // "cmsPS"
+  int64_t mediaVolume = 0;
+  int64_t mediaLength = 0;
+  TavloString mediaProvider, mediaName, mediaGenre, mediaURL;
+  TavloHitProperties properties;
+  TavloSendingMode mode = TavloSendingModeLive;
+  HitEnvironment environment;
+  int64_t rank = 0;  // 0: ranked when handed over
+  bool renewsSession = false;
+  bool made = false;
 };
 
 // A log line waiting for the lock to be released, through the logger; or a parameter
@@ -154,11 +187,10 @@ TavloStreamingTagger::Impl::Impl(Setup&& setup)
       center_(setup.agent ? setup.agent->notificationCenter() : nullptr),
       taggerID_(setup.canSend ? std::move(setup.taggerID) : nullptr),
       streamingType_(setup.canSend ? setup.streamingType : TavloStreamingTypeDelegatePosition),
-      level1_(setup.config.level1()),
-      level2_(setup.config.level2()),
-      level3_(setup.config.level3()),
-      level4_(setup.config.level4()),
-      level5_(setup.config.level5()),
+      constants_(std::make_shared<const HitConstants>(HitConstants{
+          setup.config.level1(), setup.config.level2(), setup.config.level3(), setup.config.level4(),
+          setup.config.level5(), setup.serial, setup.config.customerData(), taggerID_, platform_.deviceInfo,
+          platform_.logSink})),
       canSend_(setup.canSend),
       mediaName_(std::move(setup.mediaName)),
       mediaGenre_(setup.config.mediaGenre()),
@@ -356,23 +388,23 @@ void TavloStreamingTagger::Impl::notifyEvent(TavloStreamingEvent event, int64_t 
       if (position != TavloStreamingTaggerUnknownLocation) recordPositionLocked(position);
       const bool makesHit = accepted != TavloStreamingEventPlay || currentModeLocked() == TavloSendingModeLive;
       if (makesHit) {
-        // A hit handed over at once is made with its rank, and the agent's thread writes its
-        // dump; a throttled one is ranked when it is sent, if it is, and its dump is written
-        // now, since it may never be handed over.
-        const bool throttled = accepted != TavloStreamingEventStop && lastSentRequest_;
-        std::shared_ptr<ParameterDump> dump;
-        const auto request = generateRequestLocked("state", accepted, environment, lines, throttled ? 0 : ++rank_,
-                                                   throttled ? nullptr : &dump);
-        if (accepted == TavloStreamingEventStop) {
-          request->setShouldRenewSessionAfter(true);
-          outbox_.push_back({request, std::move(dump)});
-          resetTaggerLocked();
-        } else if (throttled) {
+        // A hit handed over at once goes as a recipe with its rank, made and dumped on the
+        // agent's thread; a throttled one is made now, since its dump is written now (it
+        // may never be handed over), and ranked when it is sent, if it is.
+        const bool throttled = accepted != TavloStreamingEventStop && lastSentCode_;
+        std::shared_ptr<HitRecipe> recipe = recipeLocked("state", accepted, environment, throttled ? 0 : ++rank_);
+        if (throttled) {
+          std::shared_ptr<ParameterDump> dump;
+          lastThrottledRequest_ = makeHit(*recipe, *agent, dump);
+          lines.push_back({std::string(), TavloLoggingModeInfo, std::move(dump)});
           lines.push_back({std::string(), TavloLoggingModeWarning, nullptr, "TavloStreamingTagger - Throttle request"});
-          lastThrottledRequest_ = request;
+        } else if (accepted == TavloStreamingEventStop) {
+          recipe->renewsSession = true;
+          outbox_.push_back({nullptr, std::move(recipe)});
+          resetTaggerLocked();
         } else {
-          outbox_.push_back({request, std::move(dump)});
-          lastSentRequest_ = request;
+          lastSentCode_ = recipe->code;
+          outbox_.push_back({nullptr, std::move(recipe)});
           timerThrottle_ = armTimer(kThrottlePeriod, &Impl::handleThrottledEvent, false);
         }
       }
@@ -420,8 +452,7 @@ void TavloStreamingTagger::Impl::recordPositionLocked(int64_t position) {
 
 TavloStreamingTagger::Impl::HitEnvironment TavloStreamingTagger::Impl::environment(TavloAgent& agent) const {
   HitEnvironment environment;
-  environment.defaults = agent.defaultParameters();
-  environment.model = platform_.deviceInfo ? platform_.deviceInfo->model() : std::string();
+  environment.draw = agent.drawForHit();
   environment.useIDFA = owner_->useIDFA();
   if (environment.useIDFA) environment.did = agent.appleDID();
   environment.now = platform_.clock ? platform_.clock->now() : 0;
@@ -433,61 +464,92 @@ bool TavloStreamingTagger::Impl::accessRefusesStreaming(TavloAgent& agent) const
   return cached && (!cached->currentAccess() || !cached->currentAccess()->canSendRequestFor(TavloRequestTypeStreaming));
 }
 
-std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::generateRequestLocked(
-    const char* eventType, uint64_t event, HitEnvironment& environment, PendingLines& lines, int64_t rank,
-    std::shared_ptr<ParameterDump>* deferredDump) {
-  TavloParameters parameters = std::move(environment.defaults);
+std::shared_ptr<TavloStreamingTagger::Impl::HitRecipe> TavloStreamingTagger::Impl::recipeLocked(
+    const char* eventType, uint64_t event, HitEnvironment& environment, int64_t rank) const {
+  // Unmade when its last holder lets go (a hand-over refused): made there, for its dump.
+  std::shared_ptr<HitRecipe> recipe(new HitRecipe, [weakAgent = agent_](HitRecipe* unmade) {
+    if (!unmade->made) {
+      if (const auto agent = weakAgent.lock()) {
+        try {
+          std::shared_ptr<ParameterDump> dump;  // written as it goes out of scope
+          makeHit(*unmade, *agent, dump);
+        } catch (...) {
+          // Out of memory: the hit was never going to be sent, and its dump is lost with it.
+        }
+      }
+    }
+    delete unmade;
+  });
   const std::size_t count = positions_.size();
   int64_t current = count >= 1 ? positions_.back() : 0;
   if (event == TavloStreamingEventStop && !(count >= 1 && positions_.back() > 0)) {
     // A player often reports 0 at its stop: the last position polled says more.
     current = positionFromPolling_.value_or(0);
   }
-  const int64_t previous = count >= 2 ? positions_[count - 2] : 0;
+  recipe->constants = constants_;
+  recipe->eventType = eventType;
+  recipe->current = current;
+  recipe->previous = count >= 2 ? positions_[count - 2] : 0;
+  recipe->code = TavloStreamingEventToIntegerValueLocked(event);
+  recipe->mediaVolume = mediaVolume_;
+  recipe->mediaLength = mediaLength_;
+  recipe->mediaProvider = mediaProvider_;
+  recipe->mediaName = mediaName_;
+  recipe->mediaGenre = mediaGenre_;
+  recipe->mediaURL = mediaURL_;
+  recipe->properties = owner_->state().hitProperties();
+  recipe->mode = currentModeLocked();
+  recipe->environment = std::move(environment);
+  recipe->rank = rank;
+  return recipe;
+}
 
-  addParam(std::string(eventType), "cmsEV", parameters);
-  addParam(std::to_string(current), "cmsPO", parameters);
-  addParam(std::to_string(previous), "cmsOP", parameters);
-  addParam(std::to_string(TavloStreamingEventToIntegerValueLocked(event)), "cmsPS", parameters);
+std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::makeHit(HitRecipe& recipe, TavloAgent& agent,
+                                                                  std::shared_ptr<ParameterDump>& dump) {
+  recipe.made = true;
+  const HitConstants& constants = *recipe.constants;
+  HitEnvironment& environment = recipe.environment;
+  TavloParameters parameters = agent.defaultParametersWith(std::move(environment.draw));
+  addParam(std::string(recipe.eventType), "cmsEV", parameters);
+  addParam(std::to_string(recipe.current), "cmsPO", parameters);
+  addParam(std::to_string(recipe.previous), "cmsOP", parameters);
+  addParam(std::to_string(recipe.code), "cmsPS", parameters);
   addParam(majorVersion(TavloAgent::TavloVersion()), "cmsMV", parameters);
-  addParam(std::to_string(mediaVolume_), "cmsSD", parameters);
-  addParam(std::to_string(mediaLength_), "cmsDU", parameters);
-  addParam(environment.model, "cmsPL", parameters);
-  if (environment.useIDFA) addParam(environment.did, "did", parameters);
+  addParam(std::to_string(recipe.mediaVolume), "cmsSD", parameters);
+  addParam(std::to_string(recipe.mediaLength), "cmsDU", parameters);
+  addParam(constants.deviceInfo ? constants.deviceInfo->model() : std::string(), "cmsPL", parameters);
+  if (environment.useIDFA) addParam(std::move(environment.did), "did", parameters);
 
   // The dump shows the dictionary as it stands here, between "did" and "dom".
-  auto dump = std::make_shared<ParameterDump>(platform_.logSink ? platform_.logSink : TavloInstalledLogSink(),
-                                              environment.useIDFA);
+  dump = std::make_shared<ParameterDump>(constants.logSink ? constants.logSink : TavloInstalledLogSink(),
+                                         environment.useIDFA);
   const auto add = [&](TavloString value, std::string_view key, std::size_t limit = 0) {
     dump->add(parameters, std::move(value), key, limit);
   };
-  add(mediaProvider_, "dom");
-  add(mediaName_, "cmsSN");
-  add(mediaGenre_, "cmsGR");
-  add(mediaURL_, "cmsME");
+  add(std::move(recipe.mediaProvider), "dom");
+  add(std::move(recipe.mediaName), "cmsSN");
+  add(std::move(recipe.mediaGenre), "cmsGR");
+  add(std::move(recipe.mediaURL), "cmsME");
   // Levels 1 and 3 cross over on purpose: the collection server reads "cmsS1" as the third.
-  add(level3_, "cmsS1");
-  add(level2_, "cmsS2");
-  add(level1_, "cmsS3");
-  add(level4_, "cmsS4");
-  add(level5_, "cmsS5");
-  TavloHitProperties properties = owner_->state().hitProperties();
-  TavloString theCustomerData = owner_->customerData();
+  add(constants.level3, "cmsS1");
+  add(constants.level2, "cmsS2");
+  add(constants.level1, "cmsS3");
+  add(constants.level4, "cmsS4");
+  add(constants.level5, "cmsS5");
+  TavloString customerData = constants.customerData;
   TavloForEachSharedHitParameter(
-      properties, theCustomerData,
+      recipe.properties, customerData,
       [&add](TavloString& value, const char* key, std::size_t limit) { add(std::move(value), key, limit); });
   // What setTheRank would write, without copying the dictionary to write it.
-  if (rank > 0) add(std::to_string(rank), "cmsRK");
+  if (recipe.rank > 0) add(std::to_string(recipe.rank), "cmsRK");
 
   auto finished = std::make_shared<const TavloParameters>(std::move(parameters));
   dump->setParameters(finished);
-  if (deferredDump != nullptr) {
-    *deferredDump = std::move(dump);
-  } else {
-    lines.push_back({std::string(), TavloLoggingModeInfo, std::move(dump)});
-  }
-  return TavloRequest::TavloRequestWithParameters(std::move(finished), TavloRequestTypeStreaming, currentModeLocked(),
-                                                  owner_->serial(), taggerID_, environment.now);
+  auto request = TavloRequest::TavloRequestWithParameters(std::move(finished), TavloRequestTypeStreaming,
+                                                          recipe.mode, constants.serial, constants.taggerID,
+                                                          environment.now);
+  if (recipe.renewsSession) request->setShouldRenewSessionAfter(true);
+  return request;
 }
 
 void TavloStreamingTagger::Impl::addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request) {
@@ -505,18 +567,28 @@ void TavloStreamingTagger::Impl::drainOutbox(TavloAgent& agent) {
     OutboxEntry entry = std::move(outbox_.front());
     outbox_.pop_front();
     lock.unlock();
-    // The hit's dictionary is copied by the agent's thread before it is queued: this
-    // thread's memory comes back to it at once instead of waiting in the queue.
-    if (!agent.refusesOversized(*entry.request)) {
+    if (entry.recipe) {
+      // Made and dumped on the agent's thread, before it is queued; an oversized one too,
+      // before the agent refuses it.
       agent.addRequestMadeByHandler(
-          [request = entry.request, dump = std::move(entry.dump)](TavloAgent&) {
-            if (dump) dump->write();
+          [recipe = std::move(entry.recipe)](TavloAgent& agent) {
+            std::shared_ptr<ParameterDump> dump;
+            auto request = makeHit(*recipe, agent, dump);
+            dump->write();
+            return request;
+          },
+          constants_->serial, TavloRequestTypeStreaming);
+    } else if (!agent.refusesOversized(*entry.request)) {
+      // Made on this thread (a throttled hit): the agent's thread copies its dictionary
+      // before it is queued, so this thread's memory comes back to it at once.
+      agent.addRequestMadeByHandler(
+          [request = entry.request](TavloAgent&) {
             request->copyParametersOnThisThread();
             return request;
           },
           entry.request->serial(), TavloRequestTypeStreaming);
     }
-    entry = {};  // an oversized hit's dump is written here
+    entry = {};
     lock.lock();
   }
   draining_ = false;
@@ -525,7 +597,7 @@ void TavloStreamingTagger::Impl::drainOutbox(TavloAgent& agent) {
 void TavloStreamingTagger::Impl::resetTaggerLocked() {
   if (timerThrottle_) timerThrottle_->invalidate();
   stopPollingLocked();
-  lastSentRequest_.reset();
+  lastSentCode_.reset();
   lastThrottledRequest_.reset();
   positionFromPolling_.reset();
   positions_.clear();
@@ -607,9 +679,7 @@ void TavloStreamingTagger::Impl::poll(const std::shared_ptr<TavloTimer>& timer) 
                        TavloLoggingModeInfo});
     }
     // A poll during a pause carries the pause's code: the server sees the medium paused.
-    std::shared_ptr<ParameterDump> dump;
-    auto request = generateRequestLocked("polling", lastEvent_, environment, lines, ++rank_, &dump);
-    outbox_.push_back({std::move(request), std::move(dump)});
+    outbox_.push_back({nullptr, recipeLocked("polling", lastEvent_, environment, ++rank_)});
   }
   emit(lines);
   drainOutbox(*agent);
@@ -628,13 +698,14 @@ void TavloStreamingTagger::Impl::handleThrottledEvent(const std::shared_ptr<Tavl
         return found == parameters->end() ? TavloString() : TavloString(found->second);
       };
       // A burst that ends in the state already reported adds nothing.
-      if (code(lastThrottledRequest_) != code(lastSentRequest_)) {
+      const TavloString sentCode = lastSentCode_ ? TavloString(std::to_string(*lastSentCode_)) : std::nullopt;
+      if (code(lastThrottledRequest_) != sentCode) {
         lines.push_back(
             {std::string(), TavloLoggingModeWarning, nullptr, "TavloStreamingTagger - Throttled request sent"});
         addRequestToAgentLocked(lastThrottledRequest_);
       }
     }
-    lastSentRequest_.reset();
+    lastSentCode_.reset();
     lastThrottledRequest_.reset();
   }
   emit(lines);
@@ -710,11 +781,11 @@ void TavloStreamingTagger::notifyEvent(TavloStreamingEvent event, int64_t positi
   impl_->notifyEvent(event, position);
 }
 TavloStreamingType TavloStreamingTagger::streamingType() const { return impl_->streamingType_; }
-TavloString TavloStreamingTagger::level1() const { return impl_->level1_; }
-TavloString TavloStreamingTagger::level2() const { return impl_->level2_; }
-TavloString TavloStreamingTagger::level3() const { return impl_->level3_; }
-TavloString TavloStreamingTagger::level4() const { return impl_->level4_; }
-TavloString TavloStreamingTagger::level5() const { return impl_->level5_; }
+TavloString TavloStreamingTagger::level1() const { return impl_->constants_->level1; }
+TavloString TavloStreamingTagger::level2() const { return impl_->constants_->level2; }
+TavloString TavloStreamingTagger::level3() const { return impl_->constants_->level3; }
+TavloString TavloStreamingTagger::level4() const { return impl_->constants_->level4; }
+TavloString TavloStreamingTagger::level5() const { return impl_->constants_->level5; }
 std::shared_ptr<TavloStreamingTaggerDelegate> TavloStreamingTagger::delegate() const { return impl_->delegate(); }
 void TavloStreamingTagger::setDelegate(std::weak_ptr<TavloStreamingTaggerDelegate> delegate) {
   impl_->setDelegate(std::move(delegate));

@@ -52,14 +52,16 @@ class TavloStreamingTagger::Impl {
  private:
   friend class TavloStreamingTagger;
   struct HitEnvironment;
+  struct HitConstants;
+  struct HitRecipe;
   struct PendingLine;
   using PendingLines = std::vector<PendingLine>;
   class ParameterDump;
-  // A ranked hit waiting to be handed over, with its parameter dump when the agent's
-  // thread is to write it.
+  // A ranked hit waiting to be handed over: made already (a throttled hit sent late), or
+  // still a recipe, which the agent's thread makes into a hit and whose dump it writes.
   struct OutboxEntry {
     std::shared_ptr<TavloRequest> request;
-    std::shared_ptr<ParameterDump> dump;
+    std::shared_ptr<HitRecipe> recipe;
   };
 
   // A tagger that never sends, for unusable arguments.
@@ -89,13 +91,14 @@ class TavloStreamingTagger::Impl {
   bool authorizedEventLocked(TavloStreamingEvent event) const;
   TavloSendingMode currentModeLocked() const;
   uint64_t TavloStreamingEventToIntegerValueLocked(uint64_t event) const;
-  // Takes the defaults out of `environment`: each environment makes one hit. A `rank`
-  // above 0 is written into the hit as "cmsRK", as addRequestToAgentLocked would. The
-  // parameter dump goes to `lines`, or, given `deferredDump`, to a dump the agent's thread
-  // writes when it takes the hit (for a hit handed over at once).
-  std::shared_ptr<TavloRequest> generateRequestLocked(const char* eventType, uint64_t event,
-                                                      HitEnvironment& environment, PendingLines& lines, int64_t rank,
-                                                      std::shared_ptr<ParameterDump>* deferredDump = nullptr);
+  // What the hit of `event` is made of, as the tagger stands now; takes what
+  // `environment` drew: each environment makes one hit. A `rank` above 0 is written into
+  // the hit as "cmsRK", as addRequestToAgentLocked would.
+  std::shared_ptr<HitRecipe> recipeLocked(const char* eventType, uint64_t event, HitEnvironment& environment,
+                                          int64_t rank) const;
+  // The hit `recipe` describes, from any thread, with its parameter dump in `dump`.
+  static std::shared_ptr<TavloRequest> makeHit(HitRecipe& recipe, TavloAgent& agent,
+                                               std::shared_ptr<ParameterDump>& dump);
   // Ranks `request` and puts it in the outbox.
   void addRequestToAgentLocked(const std::shared_ptr<TavloRequest>& request);
   void recordPositionLocked(int64_t position);
@@ -112,11 +115,7 @@ class TavloStreamingTagger::Impl {
   const std::shared_ptr<TavloNotificationCenter> center_;
   const std::shared_ptr<TavloTaggerID> taggerID_;
   const TavloStreamingType streamingType_;
-  const TavloString level1_;
-  const TavloString level2_;
-  const TavloString level3_;
-  const TavloString level4_;
-  const TavloString level5_;
+  const std::shared_ptr<const HitConstants> constants_;  // levels, serial: shared by every recipe
   const bool canSend_;
   std::shared_ptr<TavloReachability> reachability_;  // set once by start()
   uint64_t reachabilityObserver_ = 0;                // set once by start()
@@ -138,7 +137,7 @@ class TavloStreamingTagger::Impl {
   TavloSendingMode sendingMode_ = TavloSendingModeLive;   // guarded by stateProtector
   std::optional<int64_t> positionFromPolling_;            // guarded by stateProtector
   std::vector<int64_t> positions_;                        // guarded by stateProtector; oldest first
-  std::shared_ptr<TavloRequest> lastSentRequest_;         // guarded by stateProtector
+  std::optional<uint64_t> lastSentCode_;                  // guarded by stateProtector; "cmsPS" of the last hit sent
   std::shared_ptr<TavloRequest> lastThrottledRequest_;    // guarded by stateProtector
   std::shared_ptr<TavloTimer> timerThrottle_;             // guarded by stateProtector
   std::deque<OutboxEntry> outbox_;                        // guarded by stateProtector; ranked, not handed over yet
