@@ -488,10 +488,12 @@ void TavloAgent::takeOnHandler() {
 void TavloAgent::scheduleTake() {
   bool loopTakes = false;
   {
-    std::lock_guard lock(requestsProtector);
     // A send loop asleep with nothing to send takes the hand-over itself: a hit that
-    // arrives on a quiet agent then wakes one thread, not two, before it goes out.
-    if (queueLoaded_ && loopWaiting_ && !stopping_) {
+    // arrives on a quiet agent then wakes one thread, not two, before it goes out. The
+    // caller never waits for the queue's lock to find out: whoever holds it is at work,
+    // so the loop is not asleep, and the handler takes.
+    std::unique_lock lock(requestsProtector, std::try_to_lock);
+    if (lock.owns_lock() && queueLoaded_ && loopWaiting_ && !stopping_) {
       loopTakesHandOver_ = true;
       loopTakes = true;
       ++signalsSent_;
@@ -907,8 +909,8 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
     log("ShouldRenewSession", TavloLoggingModeInfo);
   }
 
-  TavloString url = request->url(reachability_->currentReachabilityStatus(),
-                                       timeIntervalBetweenServerAndDevice(), platform_.endpoints);
+  TavloString url = request->url(reachability_->currentReachabilityStatus(), timeIntervalBetweenServerAndDevice(),
+                                 platform_.endpoints);
   const auto invalidParameters = [&] {
     outcome.kind = Outcome::InvalidURL;
     log("Request " + request->description(platform_.endpoints) + " was not sent because of invalid parameters",
@@ -918,7 +920,8 @@ std::optional<TavloError> TavloAgent::handleRequest(const std::shared_ptr<TavloR
   if (!url) return invalidParameters();
   TavloHttpResponse response;
   try {
-    response = platform_.httpClient->get(TavloHttpRequest{std::move(*url), {{"User-Agent", userAgent()}}, kSendTimeout});
+    response =
+        platform_.httpClient->get(TavloHttpRequest{std::move(*url), {{"User-Agent", userAgent()}}, kSendTimeout});
   } catch (const std::exception& failure) {
     // An HTTP client of the application's that throws must not end the send loop: the
     // attempt counts as one that got no answer.

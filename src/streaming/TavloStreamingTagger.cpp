@@ -187,10 +187,10 @@ TavloStreamingTagger::Impl::Impl(Setup&& setup)
       center_(setup.agent ? setup.agent->notificationCenter() : nullptr),
       taggerID_(setup.canSend ? std::move(setup.taggerID) : nullptr),
       streamingType_(setup.canSend ? setup.streamingType : TavloStreamingTypeDelegatePosition),
-      constants_(std::make_shared<const HitConstants>(HitConstants{
-          setup.config.level1(), setup.config.level2(), setup.config.level3(), setup.config.level4(),
-          setup.config.level5(), setup.serial, setup.config.customerData(), taggerID_, platform_.deviceInfo,
-          platform_.logSink})),
+      constants_(std::make_shared<const HitConstants>(
+          HitConstants{setup.config.level1(), setup.config.level2(), setup.config.level3(), setup.config.level4(),
+                       setup.config.level5(), setup.serial, setup.config.customerData(), taggerID_,
+                       platform_.deviceInfo, platform_.logSink})),
       canSend_(setup.canSend),
       mediaName_(std::move(setup.mediaName)),
       mediaGenre_(setup.config.mediaGenre()),
@@ -545,9 +545,8 @@ std::shared_ptr<TavloRequest> TavloStreamingTagger::Impl::makeHit(HitRecipe& rec
 
   auto finished = std::make_shared<const TavloParameters>(std::move(parameters));
   dump->setParameters(finished);
-  auto request = TavloRequest::TavloRequestWithParameters(std::move(finished), TavloRequestTypeStreaming,
-                                                          recipe.mode, constants.serial, constants.taggerID,
-                                                          environment.now);
+  auto request = TavloRequest::TavloRequestWithParameters(std::move(finished), TavloRequestTypeStreaming, recipe.mode,
+                                                          constants.serial, constants.taggerID, environment.now);
   if (recipe.renewsSession) request->setShouldRenewSessionAfter(true);
   return request;
 }
