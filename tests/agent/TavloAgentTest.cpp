@@ -10,6 +10,7 @@
 #include "archive/TavloKeyedUnarchiver.h"
 #include "request/TavloRecordClasses.h"
 #include "support/TavloAgentFixture.h"
+#include "support/TavloGatedFileSystem.h"
 #include "tavlo/testkit/TavloScriptedHttpClient.h"
 #include "tavlo/TavloVersion.h"
 
@@ -238,19 +239,6 @@ class TavloAgentFileTest : public TavloAgentTest {
     for (const auto& object : *objects) requests.push_back(std::dynamic_pointer_cast<TavloRequest>(object));
     return levelsOf(requests);
   }
-};
-
-// Reads the queue file only once the test opens the gate, to hold the agent's handler
-// in the middle of its start.
-class TavloGatedFileSystem : public TavloPosixFileSystem {
- public:
-  using TavloPosixFileSystem::TavloPosixFileSystem;
-  std::error_code readFile(const std::string& path, std::string& contents, std::size_t maxBytes) override {
-    if (gate.wait_for(std::chrono::seconds(10)) != std::future_status::ready) return std::make_error_code(std::errc::timed_out);
-    return TavloPosixFileSystem::readFile(path, contents, maxBytes);
-  }
-  std::promise<void> opener;
-  std::shared_future<void> gate = opener.get_future().share();
 };
 
 TEST_F(TavloAgentFileTest, ShutdownKeepsInTheFileEveryHitHandedOverBeforeIt) {

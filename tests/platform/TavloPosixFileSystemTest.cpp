@@ -111,25 +111,21 @@ class TavloAppendByPathOnly : public TavloFileSystem {
 
 TEST_F(TavloPosixFileSystemTest, AppendsLandAtTheEndWhetherMadeByPathOrThroughAnAppender) {
   TavloAppendByPathOnly byPathOnly(files);
+  const auto throughAppenderOf = [](TavloFileSystem& system) {
+    return [&system](const std::string& path) {
+      std::error_code error;
+      const auto appender = system.openForAppending(path, 0600, error);
+      ASSERT_TRUE(appender) << error.message();
+      for (const char* part : {"ab", "cd"}) ASSERT_FALSE(appender->append(part));
+    };
+  };
   const std::pair<const char*, std::function<void(const std::string&)>> ways[] = {
       {"by path",
        [&](const std::string& path) {
          for (const char* part : {"ab", "cd"}) ASSERT_FALSE(files.appendToFile(path, part, 0600));
        }},
-      {"through the descriptor kept open",
-       [&](const std::string& path) {
-         std::error_code error;
-         const auto appender = files.openForAppending(path, 0600, error);
-         ASSERT_TRUE(appender) << error.message();
-         for (const char* part : {"ab", "cd"}) ASSERT_FALSE(appender->append(part));
-       }},
-      {"through the default appender",
-       [&](const std::string& path) {
-         std::error_code error;
-         const auto appender = byPathOnly.openForAppending(path, 0600, error);
-         ASSERT_TRUE(appender) << error.message();
-         for (const char* part : {"ab", "cd"}) ASSERT_FALSE(appender->append(part));
-       }},
+      {"through the descriptor kept open", throughAppenderOf(files)},
+      {"through the default appender", throughAppenderOf(byPathOnly)},
   };
   for (const auto& [way, append] : ways) {
     const std::string existing = std::string("existing ") + way, fresh = std::string("fresh ") + way;

@@ -5,6 +5,7 @@
 
 #include "streaming/TavloStreamingFixture.h"
 #include "support/TavloFixedAdvertisingIdProvider.h"
+#include "support/TavloGatedFileSystem.h"
 #include "identity/TavloTaggerID.h"
 #include "streaming/TavloStreamingTaggerImpl.h"
 
@@ -132,6 +133,33 @@ TEST_F(TavloStreamingTaggerTest, AHitCarriesTheDefaultsAndTheStreamingSetWithThe
   got.erase("n");
   EXPECT_EQ(expected, got);
   EXPECT_EQ(0u, test.http->lastRequest().url.find("http://collect.test/m/web/123?")) << "live: the access's host";
+}
+
+// The agent's thread makes a hit from what the event captured, however late it takes it:
+// what the application changes after the event belongs to the next hit.
+TEST_F(TavloStreamingTaggerTest, AHitCarriesWhatTheTaggerHeldAtItsEventHoweverLateItIsMade) {
+  const auto gated = std::make_shared<TavloGatedFileSystem>(test.directory->path());
+  test.platform.files = gated;
+  agent->shutdown();
+  agent = TavloAgent::make(test.platform, nullptr, center);  // its handler waits at the gate
+  const auto t = tagger();
+  t->setMediaContentId("at the event");
+  t->notifyEvent(TavloStreamingEventPlay, 12);
+  t->setMediaName("later");
+  t->setMediaVolume(1);
+  t->setMediaLength(2);
+  t->setMediaGenre("later");
+  t->setMediaContentId("later");
+  ASSERT_TRUE(agent->TEST_queue().empty()) << "the hit is still to be made";
+  gated->opener.set_value();
+  const auto sent = hits();
+  ASSERT_EQ(1u, sent.size());
+  const std::pair<std::string, std::string> expected[] = {
+      {"cmsSN", "film"}, {"cmsSD", "80"}, {"cmsDU", "5400"}, {"msCid", "at the event"}, {"cmsPO", "12"}, {"cmsGR", "-"}};
+  for (const auto& [key, value] : expected) {
+    const auto found = sent[0].find(key);
+    EXPECT_EQ(value, found == sent[0].end() ? "-" : found->second) << key;
+  }
 }
 
 TEST_F(TavloStreamingTaggerTest, EveryHitsParameterDumpIsWrittenWhateverTheThresholdAndWhereverTheHitEnds) {
