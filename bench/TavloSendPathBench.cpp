@@ -162,10 +162,11 @@ constexpr int kHits = 500;
 // floor itself varied by half. On a box the collector is another machine and no such
 // wake-up exists. So the CPU-per-hit figures run with the process on one CPU, where both
 // loops pay the same for it; threads started meanwhile (the agent's, the collector's)
-// stay there.
+// stay there. TAVLO_BENCH_ALL_CPUS=1 leaves the process on every CPU, for comparison.
 class OnOneCpu {
  public:
   OnOneCpu() {
+    if (std::getenv("TAVLO_BENCH_ALL_CPUS") != nullptr) return;
     if (sched_getaffinity(0, sizeof previous_, &previous_) != 0) return;
     cpu_set_t one;
     CPU_ZERO(&one);
