@@ -64,7 +64,8 @@ class TAVLO_EXPORT TavloFileSystem {
   virtual std::unique_ptr<Appender> openForAppending(const std::string& path, unsigned mode, std::error_code& error) {
     class ByPath final : public Appender {
      public:
-      ByPath(TavloFileSystem& files, std::string path, unsigned mode) : files_(files), path_(std::move(path)), mode_(mode) {}
+      ByPath(TavloFileSystem& files, std::string path, unsigned mode)
+          : files_(files), path_(std::move(path)), mode_(mode) {}
       std::error_code append(std::string_view contents) override { return files_.appendToFile(path_, contents, mode_); }
 
      private:
