@@ -83,6 +83,23 @@ TEST(TavloNetlinkReachabilityIntegrationTest, ReadsTheFlagsOfThisMachine) {
   for (const char* address : kAddresses) EXPECT_TRUE(handleFor(source, address)->currentFlags()) << address;
 }
 
+// Every send asks the monitor, which asks the source: once watched, the source answers
+// from what its watcher keeps, with no kernel request while nothing changes. A window in
+// which the watcher itself re-read (an event on this machine) is tried again.
+TEST(TavloNetlinkReachabilityIntegrationTest, AWatchedHandleAnswersWithoutAskingTheKernel) {
+  TavloNetlinkReachabilitySource source;
+  const std::shared_ptr<TavloReachabilityHandle> handle = handleFor(source, "0.0.0.0");
+  if (!handle->startWatching([](uint32_t) {})) GTEST_SKIP() << "no routing-socket announcements here";
+  bool quiet = false;
+  for (int window = 0; window < 3 && !quiet; ++window) {
+    const uint64_t before = TavloNetlinkSocket::TEST_requestCount();
+    for (int query = 0; query < 100; ++query) ASSERT_TRUE(handle->currentFlags());
+    quiet = TavloNetlinkSocket::TEST_requestCount() == before;
+  }
+  handle->stopWatching();
+  EXPECT_TRUE(quiet) << "every query of a watched handle read the kernel afresh";
+}
+
 TEST(TavloNetlinkReachabilityIntegrationTest, FreshNamespaceIsOfflineAndFollowsADefaultRouteComingAndGoing) {
   // This binary again, in the namespace, with the marker set; killed if it outlives three minutes.
   // A cross build's program runs under the emulator CTest started it with: the host's
