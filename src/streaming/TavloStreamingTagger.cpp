@@ -467,8 +467,9 @@ bool TavloStreamingTagger::Impl::accessRefusesStreaming(TavloAgent& agent) const
 std::shared_ptr<TavloStreamingTagger::Impl::HitRecipe> TavloStreamingTagger::Impl::recipeLocked(
     const char* eventType, uint64_t event, HitEnvironment& environment, int64_t rank) const {
   // Unmade when its last holder lets go (a hand-over refused): made there, for its dump.
+  // One never filled in (its holder could not even be made) has nothing to dump.
   std::shared_ptr<HitRecipe> recipe(new HitRecipe, [weakAgent = agent_](HitRecipe* unmade) {
-    if (!unmade->made) {
+    if (!unmade->made && unmade->constants) {
       if (const auto agent = weakAgent.lock()) {
         try {
           std::shared_ptr<ParameterDump> dump;  // written as it goes out of scope
