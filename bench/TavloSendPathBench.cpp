@@ -333,16 +333,6 @@ std::vector<double> timeEach(int count, Call call) {
   return micros;
 }
 
-// Each call is timed beside one build of its floor, in turns: the agent's thread works on
-// the hits meanwhile, and both see the same machine.
-template <typename Call, typename Floor>
-void timeInTurns(int count, Call call, Floor floor, std::vector<double>& calls, std::vector<double>& floors) {
-  for (int i = 0; i < count; ++i) {
-    calls.push_back(timeEach(1, [&](int) { call(i); }).front());
-    floors.push_back(timeEach(1, [&](int) { floor(i); }).front());
-  }
-}
-
 void BM_CallerCostOfAnAudienceHit(benchmark::State& state) {
   TavloTestPlatform test = callerPlatform();
   auto agent = TavloAgent::make(test.platform, nullptr, std::make_shared<TavloNotificationCenter>());
@@ -350,15 +340,18 @@ void BM_CallerCostOfAnAudienceHit(benchmark::State& state) {
   const TavloParameters sample = agent->defaultParameters();
   std::vector<double> calls, floor;
   for (auto _ : state) {
-    timeInTurns(
-        2000, [&](int i) { tagger->sendHitWithLevel1("screen " + std::to_string(i), "section"); },
-        [&](int i) {
-          TavloParameters parameters(sample);
-          parameters["c"] = "screen " + std::to_string(i);
-          parameters["p"] = "section";
-          benchmark::DoNotOptimize(parameters);
-        },
-        calls, floor);
+    // Each call is timed beside one build of its floor, in turns: the agent's thread works
+    // on the hits meanwhile, and both see the same machine.
+    for (int i = 0; i < 2000; ++i) {
+      calls.push_back(
+          timeEach(1, [&](int) { tagger->sendHitWithLevel1("screen " + std::to_string(i), "section"); }).front());
+      floor.push_back(timeEach(1, [&](int) {
+                        TavloParameters parameters(sample);
+                        parameters["c"] = "screen " + std::to_string(i);
+                        parameters["p"] = "section";
+                        benchmark::DoNotOptimize(parameters);
+                      }).front());
+    }
     agent->TEST_waitForHandOver();
   }
   report(state, "median_us", percentile(calls, 0.5), percentile(floor, 0.5));
